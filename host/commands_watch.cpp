@@ -1,0 +1,36 @@
+#include "host/commands_watch.h"
+
+#include <cstdio>
+#include <memory>
+
+#include "host/commands_common.h"
+#include "host/on_access_session.h"
+#include "host/signal_watch.h"
+
+namespace arvo::host {
+
+int RunWatchCommand(const CommandLine& line) {
+  SignalWatch signals;  // before any thread starts
+  if (!signals.Valid()) return Fail("cannot watch for signals");
+  MonitorConfig config;
+  std::string error;
+  if (!BuildMonitorConfig(line, config, error)) return Fail(error);
+
+  ModuleLoader module;
+  if (!LoadModule(line, module, error)) return Fail(error);
+  RuntimeSetup setup = MonitorSetup(line, config);
+  setup.onAccess = true;
+  const std::unique_ptr<HostRuntime> runtime = HostRuntime::Create(module, setup, error);
+  if (!runtime) return Fail(error);
+
+  OnAccessSession session;
+  if (!session.Start(*runtime, config.settings, line.detections, error)) return Fail(error);
+  std::fprintf(stderr, "arvo-fim: watching %zu area(s)\n", config.settings.scanAreas.size());
+
+  while (!signals.Wait(-1, -1)) {
+  }
+  if (!session.Stop(error)) return Fail(error);
+  return kExitOk;
+}
+
+}  // namespace arvo::host

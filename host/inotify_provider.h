@@ -1,0 +1,46 @@
+// The reference host's recursive inotify service (pax::IInotifyEventsProvider).
+//
+// One inotify instance and one delivery thread serve every subscription. A
+// subscription watches a directory and its whole subtree: the directories
+// present when it is made and every directory created or moved in later; the
+// entries a new directory already holds when its watch is added are reported
+// as created (an entry created in that instant may be reported twice).
+//
+// Each event is meaningful as it stands: `mask` is a file modification type
+// code (pax::modification): content changed, attributes changed, created,
+// deleted, renamed (moved within its directory) or moved (to another
+// directory, `formerPath` set). A move out of the watched tree reads as a
+// deletion, a move in as a creation. Only the kinds asked for in the
+// subscription mask (IN_MODIFY, IN_ATTRIB, IN_CREATE, IN_DELETE,
+// IN_MOVED_FROM, IN_MOVED_TO) are delivered; a deletion by move needs
+// IN_MOVED_FROM or IN_DELETE, a creation by move IN_MOVED_TO or IN_CREATE.
+// Paths are byte strings, passed through unchanged.
+//
+// A queue overflow reaches every subscription as an event whose `error` says
+// that events were lost (the trees are then rescanned so that new directories
+// get their watches). A watch root deleted or moved away is reported as
+// deleted and is no longer watched; the subscription stays until
+// Unsubscribe.
+//
+// Thread-safety: Subscribe and Unsubscribe may be called from any thread,
+// including from inside OnEvent on the delivery thread. Receivers are called
+// one at a time, on the delivery thread, with no provider lock held. The last
+// reference to the provider should not be dropped inside OnEvent; if it is,
+// the delivery thread ends on its own instead of being joined. Subscribe
+// walks its tree under the provider's lock, so delivery to every receiver
+// pauses while a large tree is set up (records wait in the kernel's queue).
+#pragma once
+
+#include "orn/ref_ptr.h"
+#include "orn/tracer.h"
+#include "pax/inotify.h"
+
+namespace arvo::host {
+
+// Creates the provider and its inotify instance; the delivery thread starts
+// on the first Subscribe. `tracer` may be null. Fails when the kernel refuses
+// an instance (the per-user instance limit is traced with how to raise it).
+orn::result_t CreateInotifyProvider(orn::ITracer* tracer,
+                                    orn::RefPtr<pax::IInotifyEventsProvider>& out);
+
+}  // namespace arvo::host

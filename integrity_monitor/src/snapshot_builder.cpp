@@ -1,0 +1,264 @@
+#include "snapshot_builder.h"
+
+#include <sys/xattr.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+#include <boost/format.hpp>
+
+#include "framework/check.h"
+#include "framework/trace.h"
+#include "orn/file.h"
+#include "orn/ref_ptr.h"
+#include "orn/text.h"
+#include "pax/enumerations.h"
+#include "pax_common/tools_03.h"
+
+namespace pax::fim {
+
+namespace {
+
+constexpr const char kAclAttribute[] = "system.posix_acl_access";
+
+// The statements in their reference form (quoted in failure traces), and
+// the forms actually prepared: the same statements with their values as
+// numbered parameters (?N where the template has '%N%'; the three blobs
+// ?16..?18), so that one preparation serves every row of a walk instead of
+// formatting and compiling a text per file. SQLite applies the columns'
+// integer affinity to the quoted values of the templates, so both forms
+// store and find the same rows.
+constexpr const char kSelectPaths[] =
+    "SELECT paths FROM '%1%' WHERE scanscopeid = '%2%' and ino = '%3%' and dev = '%4%'";
+constexpr const char kSelectPathsBound[] =
+    "SELECT paths FROM '%1%' WHERE scanscopeid = ?2 and ino = ?3 and dev = ?4";
+constexpr const char kReplaceBound[] =
+    "REPLACE INTO '%1%' "
+    "(scanscopeid,ino,dev,ctime_sec,ctime_nsec,atime_sec,atime_nsec,mtime_sec,mtime_nsec,paths,"
+    "attr,nlinks,size,uid,gid,sha256, acl)VALUES "
+    "(?2,?3,?4,?5,?6,?7,?8,?9,?10,?16,?11,?12,?13,?14,?15,?17, ?18);";
+// REPLACE where the lookup just found no row for the key: with nothing to
+// replace both store the same row, and SQLite's conflict handling for
+// REPLACE costs about a quarter of a walk's database time.
+constexpr const char kInsertBound[] =
+    "INSERT INTO '%1%' "
+    "(scanscopeid,ino,dev,ctime_sec,ctime_nsec,atime_sec,atime_nsec,mtime_sec,mtime_nsec,paths,"
+    "attr,nlinks,size,uid,gid,sha256, acl)VALUES "
+    "(?2,?3,?4,?5,?6,?7,?8,?9,?10,?16,?11,?12,?13,?14,?15,?17, ?18);";
+constexpr int kPathsParam = 16;
+constexpr int kShaParam = 17;
+constexpr int kAclParam = 18;
+
+std::string ErrnoText(int err) {
+  char buffer[256];
+  return ::strerror_r(err, buffer, sizeof(buffer));
+}
+
+bool IsZero(const Sha256Digest& digest) {
+  for (const std::uint8_t b : digest)
+    if (b != 0) return false;
+  return true;
+}
+
+// Binds `bytes` without copying (the caller keeps them alive until the
+// step), or a zero-length blob when there are none.
+void BindBlob(sqlite3_stmt* stmt, int index, const void* bytes, std::size_t size) {
+  if (size == 0)
+    ::sqlite3_bind_zeroblob(stmt, index, 0);
+  else
+    ::sqlite3_bind_blob(stmt, index, bytes, static_cast<int>(size), SQLITE_STATIC);
+}
+
+// The prepared text of `boundTemplate` for the target table, formatted once
+// per table.
+const std::string& StatementFor(const char* boundTemplate, bool baseline) {
+  struct Texts {
+    explicit Texts(const char* bound)
+        : baseline((boost::format(bound) % kBaselineTable).str()),
+          current((boost::format(bound) % kCurrentSnapshotTable).str()) {}
+    std::string baseline, current;
+  };
+  static const Texts kSelect(kSelectPathsBound);
+  static const Texts kReplace(kReplaceBound);
+  static const Texts kInsert(kInsertBound);
+  const Texts& texts = boundTemplate == kSelectPathsBound ? kSelect
+                       : boundTemplate == kInsertBound    ? kInsert
+                                                          : kReplace;
+  return baseline ? texts.baseline : texts.current;
+}
+
+void BindInt(sqlite3_stmt* stmt, int index, std::int64_t value) {
+  ::sqlite3_bind_int64(stmt, index, value);
+}
+
+}  // namespace
+
+SnapshotBuilder::SnapshotBuilder(OnDemandContext& context, IntegrityDatabase& db)
+    : m_context(context), m_db(db) {}
+
+result_t SnapshotBuilder::BuildSnapshot(const NativePath& path, std::uint64_t scanScopeId) {
+  orn::ITracer* const tracer = m_context.tracer;
+  struct stat st {};
+  const bool statOk = tools::LStatFile(path, &st) != -1;
+  const int statErr = errno;
+  if (!ORN_CHECK_BOOL_AS(tracer, statOk, "tools::LStatFile(path, &st) != -1",
+                         "Cannot stat for '" << path << "': " << ErrnoText(statErr)))
+    return orn::errors::kUnspecified;
+
+  const bool isDirectory = (st.st_mode & S_IFMT) == S_IFDIR;
+  if (m_context.matcher && m_context.matcher->Match(path, isDirectory) == orn::errors::kFalse) {
+    ORN_TRACE(tracer, orn::kTraceLevelDetail) << kOdfimPrefix << path << " is not in scan scope";
+    return orn::errors::kFalse;
+  }
+
+  Sha256Digest hash{};
+  const bool hashing = m_context.settings && m_context.settings->computeContentHash;
+  if (hashing && (st.st_mode & S_IFMT) == S_IFREG && st.st_size != 0) {
+    if (const result_t r =
+            ORN_CHECK_AS(tracer, GetFileHash(path, st, hash), "GetFileHash(path, hash)",
+                         "Cannot calc sha256 hash for '" << path << "'");
+        ORN_FAILED(r))
+      return r;
+  }
+
+  orn::types::blob_t acl;
+  if (const result_t r =
+          ORN_CHECK(tracer, GetAcl(path, acl), "Cannot get acl for '" << path << "'");
+      ORN_FAILED(r))
+    return r;
+
+  FileSnapshot snapshot(path, st, hash, acl);
+  return ORN_CHECK_AS(tracer, SaveFileSnapshot(scanScopeId, snapshot),
+                      "SaveFileSnapshot(scanScopeId, FileSnapshot(path, st, hash, acl))", "");
+}
+
+result_t SnapshotBuilder::GetFileHash(const NativePath& path, const struct stat& st,
+                                      Sha256Digest& hash) {
+  orn::ITracer* const tracer = m_context.tracer;
+  const orn::types::string16_t wPath = orn::text::NarrowToWide(path);
+  const std::uint32_t accessMask = orn::file::kAccessRead;
+  const std::uint32_t shareMode = orn::file::kShareRead;
+  const std::uint32_t disposition = orn::file::kOpenExisting;
+  const std::uint32_t flagsAndAttributes = 0;
+  orn::RefPtr<orn::IIO> io;
+  if (const result_t r = ORN_CHECK_AS(
+          tracer,
+          m_context.fileFactory->CreateFile(wPath.c_str(), accessMask, shareMode, disposition,
+                                            flagsAndAttributes, io.Ref()),
+          "m_fileFactory->CreateFile(wPath.c_str(), accessMask, shareMode, disposition, "
+          "flagsAndAttributes, io.Ref())",
+          "Cannot open file '" << path << "'");
+      ORN_FAILED(r))
+    return r;
+
+  // The object may have been replaced between the status and the open: its
+  // content must not be recorded under the old object's identity.
+  orn::FileIdentity identity;
+  if (const result_t r =
+          ORN_CHECK(tracer, io->GetIdentity(&identity), "Cannot get identity of '" << path << "'");
+      ORN_FAILED(r))
+    return r;
+  if (!ORN_CHECK_BOOL(tracer, identity.dev == st.st_dev && identity.ino == st.st_ino,
+                      "File '" << path << "' was replaced before it could be read"))
+    return orn::errors::kNotMatched;
+
+  return ORN_CHECK_AS(tracer, m_context.sha256Provider->GetHashByIO(io.Get(), hash),
+                      "m_sha256Provider->GetHashByIO(io, hash)",
+                      "Cannot get hash for '" << path << "'");
+}
+
+result_t SnapshotBuilder::GetAcl(const NativePath& path, orn::types::blob_t& acl) const {
+  orn::ITracer* const tracer = m_context.tracer;
+  ORN_TRACE(tracer, orn::kTraceLevelDetail) << kOdfimPrefix << __PRETTY_FUNCTION__;
+  const ssize_t size = ::lgetxattr(path.c_str(), kAclAttribute, nullptr, 0);
+  if (size == -1) {
+    const int err = errno;
+    // No ACL, no ACL support, or one too large to be an access ACL: all
+    // recorded as "no ACL".
+    if (err == ENODATA || err == EOPNOTSUPP || err == E2BIG) return orn::errors::kFalse;
+    ORN_TRACE(tracer, orn::kTraceLevelError)
+        << kOdfimPrefix << "Cannot get size of acl attr: " << ErrnoText(err);
+    return orn::errors::kUnspecified;
+  }
+  acl.resize(static_cast<std::size_t>(size));
+  const ssize_t buflen = ::lgetxattr(path.c_str(), kAclAttribute, acl.data(), acl.size());
+  const int err = errno;
+  if (!ORN_CHECK_BOOL(tracer, buflen != -1, "Cannot get acl attributes: " << ErrnoText(err)))
+    return orn::errors::kUnspecified;
+  return orn::errors::kOk;
+}
+
+result_t SnapshotBuilder::SaveFileSnapshot(std::uint64_t scanScopeId, FileSnapshot& snap) {
+  orn::ITracer* const tracer = m_context.tracer;
+  if (const result_t r =
+          ORN_CHECK(tracer, GetHardlinks(scanScopeId, snap), "Cannot get harlink list");
+      ORN_FAILED(r))
+    return r;
+  if (const result_t r = ORN_CHECK(tracer, Insert(scanScopeId, snap), "Cannot insert blob");
+      ORN_FAILED(r))
+    return r;
+  return orn::errors::kOk;
+}
+
+result_t SnapshotBuilder::GetHardlinks(std::uint64_t scanScopeId, FileSnapshot& snap) {
+  snap.paths.push_back(0);
+  if (FileTypeFromMode(snap.attr) == object_type::kDirectory) return orn::errors::kOk;
+
+  sqlite3_stmt* stmt = nullptr;
+  const int rc = m_db.Prepared(StatementFor(kSelectPathsBound, m_context.buildingBaseline), stmt);
+  if (!ORN_CHECK_BOOL(m_context.tracer, rc == 0, "Cannot build sql statement for " << kSelectPaths))
+    return orn::errors::kUnspecified;
+  StatementUse use(stmt);
+  BindInt(stmt, 2, static_cast<std::int64_t>(scanScopeId));
+  BindInt(stmt, 3, static_cast<std::int64_t>(snap.ino));
+  BindInt(stmt, 4, static_cast<std::int64_t>(snap.dev));
+  const int step = ::sqlite3_step(stmt);
+  m_absent = RowKey{};
+  if (step == SQLITE_DONE)
+    m_absent = RowKey{true, m_context.buildingBaseline, scanScopeId, snap.ino, snap.dev};
+  if (step == SQLITE_ROW) {
+    const auto* stored = static_cast<const std::uint8_t*>(::sqlite3_column_blob(stmt, 0));
+    const int size = ::sqlite3_column_bytes(stmt, 0);
+    if (stored && size > 0) snap.paths.insert(snap.paths.end(), stored, stored + size);
+  }
+  return orn::errors::kOk;
+}
+
+result_t SnapshotBuilder::Insert(std::uint64_t scanScopeId, const FileSnapshot& snap) {
+  sqlite3_stmt* stmt = nullptr;
+  const RowKey key{true, m_context.buildingBaseline, scanScopeId, snap.ino, snap.dev};
+  const bool absent = m_absent == key;
+  m_absent = RowKey{};
+  const int rc = m_db.Prepared(
+      StatementFor(absent ? kInsertBound : kReplaceBound, m_context.buildingBaseline), stmt);
+  if (!ORN_CHECK_BOOL(m_context.tracer, rc == 0, "")) return orn::errors::kUnspecified;
+  StatementUse use(stmt);
+  const std::int64_t values[] = {static_cast<std::int64_t>(scanScopeId),
+                                 static_cast<std::int64_t>(snap.ino),
+                                 static_cast<std::int64_t>(snap.dev),
+                                 snap.ctime_sec,
+                                 snap.ctime_nsec,
+                                 snap.atime_sec,
+                                 snap.atime_nsec,
+                                 snap.mtime_sec,
+                                 snap.mtime_nsec,
+                                 static_cast<std::int64_t>(snap.attr),
+                                 static_cast<std::int64_t>(snap.nlinks),
+                                 snap.size,
+                                 static_cast<std::int64_t>(snap.uid),
+                                 static_cast<std::int64_t>(snap.gid)};
+  int index = 2;  // ?2 .. ?15, in the template's order
+  for (const std::int64_t value : values) BindInt(stmt, index++, value);
+  BindBlob(stmt, kPathsParam, snap.paths.data(), snap.paths.size());
+  if (IsZero(snap.sha256))
+    BindBlob(stmt, kShaParam, nullptr, 0);
+  else
+    BindBlob(stmt, kShaParam, snap.sha256.data(), snap.sha256.size());
+  BindBlob(stmt, kAclParam, snap.acl.data(), snap.acl.size());
+  // Not examined: a row that failed to be written reads as a deleted object.
+  (void)::sqlite3_step(stmt);
+  return orn::errors::kOk;
+}
+
+}  // namespace pax::fim

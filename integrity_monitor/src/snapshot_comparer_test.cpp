@@ -1,0 +1,238 @@
+#include "snapshot_comparer.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <ctime>
+#include <string>
+#include <vector>
+
+#include "snapshot_builder.h"
+#include "snapshot_test_support.h"
+
+namespace pax::fim::test {
+namespace {
+
+using arvo::test::Narrow;
+
+// A field as text: narrow paths and texts as they are, numbers in decimal.
+std::string FieldText(const EventField& f) {
+  const std::string id = std::to_string(f.fieldId) + "=";
+  switch (f.value.Tag()) {
+    case FieldTag::kUInt32:
+      return id + std::to_string(f.value.AsU32());
+    case FieldTag::kUInt64:
+      return id + std::to_string(f.value.AsU64());
+    case FieldTag::kText8:
+      return id + f.value.AsText8();
+    case FieldTag::kText16:
+      return id + Narrow(f.value.AsText16());
+  }
+  return id;
+}
+
+std::vector<std::string> Fields(const ProductEvent& e) {
+  std::vector<std::string> out;
+  for (const EventField& f : e.fields) out.push_back(FieldText(f));
+  return out;
+}
+
+// The change fields of an event (before the task fields).
+std::vector<std::string> ChangeFields(const ProductEvent& e) {
+  std::vector<std::string> all = Fields(e);
+  return {all.begin(), all.end() - 5};
+}
+
+// Change fields of several events, in a fixed order: the order in which
+// different objects come back from the comparison is not defined.
+std::vector<std::vector<std::string>> SortedChanges(const std::vector<ProductEvent>& events) {
+  std::vector<std::vector<std::string>> out;
+  for (const ProductEvent& e : events) out.push_back(ChangeFields(e));
+  std::sort(out.begin(), out.end());
+  return out;
+}
+
+class SnapshotComparerTest : public EngineTest {
+ protected:
+  void SetUp() override {
+    ::setenv("TZ", "UTC", 1);
+    ::tzset();
+    EngineTest::SetUp();
+    ASSERT_EQ(db.CheckScanScopeBaseline(area.Path(), taskInfo.taskId, scope), 1);
+  }
+
+  static FileSnapshot Snap(std::uint64_t ino, std::vector<std::string> paths) {
+    FileSnapshot s;
+    s.ino = ino;
+    s.dev = 1;
+    s.nlinks = paths.size();
+    s.size = 10;
+    s.attr = S_IFREG | 0644;
+    s.ctime_sec = s.mtime_sec = s.atime_sec = 1000;
+    for (const std::string& p : paths) {
+      s.paths.insert(s.paths.end(), p.begin(), p.end());
+      s.paths.push_back(0);
+    }
+    return s;
+  }
+  void Store(bool baseline, const FileSnapshot& snap) {
+    context.buildingBaseline = baseline;
+    ASSERT_EQ(builder.Insert(scope, snap), 0);
+  }
+  void Both(const FileSnapshot& before, const FileSnapshot& after) {
+    Store(true, before);
+    Store(false, after);
+  }
+  std::vector<ProductEvent> Run(result_t expected = 1) {
+    EXPECT_EQ(comparer.CompareSnapshots(scope), expected);
+    return events->Events();
+  }
+
+  std::uint64_t scope = 0;
+  SnapshotBuilder builder{context, db};
+  SnapshotComparer comparer{context, db, publisher};
+};
+
+TEST_F(SnapshotComparerTest, IdenticalSnapshotsPublishNothing) {
+  Both(Snap(1, {"/a"}), Snap(1, {"/a"}));
+  EXPECT_TRUE(Run(0).empty());
+  EXPECT_TRUE(tracer->Contains("odfim\tNo changes found", 800));
+}
+
+TEST_F(SnapshotComparerTest, CreatedAndDeletedObjectsCarryFileAndTaskFields) {
+  Store(true, Snap(1, {"/old"}));
+  FileSnapshot dir = Snap(2, {"/new1", "/new2"});
+  dir.attr = S_IFDIR | 0755;
+  Store(false, dir);
+  const auto events = Run();
+  ASSERT_EQ(events.size(), 3u);
+  for (const ProductEvent& e : events) {
+    EXPECT_EQ(e.eventType, 67u);
+    EXPECT_EQ(e.severity, 0u);
+    EXPECT_EQ(e.headerWord, 2u);
+    EXPECT_EQ(e.id, 0u);
+    if (ChangeFields(e)[1] == "66=/old") {
+      EXPECT_EQ(Fields(e), (std::vector<std::string>{"54=8", "66=/old", "55=0", "5=Default", "8=7",
+                                                     "7=99", "69=rule-1", "12=ODFIM"}));
+    }
+  }
+  EXPECT_EQ(SortedChanges(events),
+            (std::vector<std::vector<std::string>>{{"54=7", "66=/new1", "55=1"},
+                                                   {"54=7", "66=/new2", "55=1"},
+                                                   {"54=8", "66=/old", "55=0"}}));
+  EXPECT_TRUE(tracer->Contains("odfim\tbefore: ino: 1, dev: 1, perm: -rw-r--r--", 800));
+}
+
+TEST_F(SnapshotComparerTest, ReplacedFileIsDeletedAndCreated) {
+  Both(Snap(1, {"/f"}), Snap(2, {"/f"}));
+  EXPECT_EQ(SortedChanges(Run()), (std::vector<std::vector<std::string>>{
+                                      {"54=7", "66=/f", "55=0"}, {"54=8", "66=/f", "55=0"}}));
+}
+
+TEST_F(SnapshotComparerTest, SinglePathChangesAreRenamesOrMoves) {
+  FileSnapshot renamed = Snap(1, {"/d/a"});
+  renamed.sha256[0] = 9;
+  FileSnapshot renamedAfter = renamed;
+  renamedAfter.paths = Snap(1, {"/d/b"}).paths;
+  Both(renamed, renamedAfter);
+  Both(Snap(2, {"/d/x"}), Snap(2, {"/e/x"}));
+  const auto events = Run();
+  ASSERT_EQ(events.size(), 2u);
+  EXPECT_EQ(ChangeFields(events[0]),
+            (std::vector<std::string>{"54=13", "66=/d/b", "55=0", "63=/d/a"}));
+  EXPECT_EQ(ChangeFields(events[1]),
+            (std::vector<std::string>{"54=9", "66=/e/x", "55=0", "63=/d/x"}));
+  const auto detects = this->detects->Calls();
+  ASSERT_EQ(detects.size(), 2u);
+  EXPECT_EQ(detects[0].type, 1u);
+  EXPECT_EQ(detects[0].path, "/d/a");
+  EXPECT_EQ(detects[0].digest[0], 9);
+}
+
+TEST_F(SnapshotComparerTest, RemovedHardLinkIsDeletedAndTheRestSeeTheLinkCount) {
+  FileSnapshot before = Snap(1, {"/b", "/a"});
+  FileSnapshot after = Snap(1, {"/a"});
+  Both(before, after);
+  const auto events = Run();
+  ASSERT_EQ(events.size(), 2u);
+  EXPECT_EQ(ChangeFields(events[0]), (std::vector<std::string>{"54=8", "66=/b", "55=0"}));
+  EXPECT_EQ(ChangeFields(events[1]),
+            (std::vector<std::string>{"59=1 (2)", "54=3", "66=/a", "55=0"}));
+}
+
+TEST_F(SnapshotComparerTest, HardLinkOrderAloneIsNoChange) {
+  Both(Snap(1, {"/b", "/a"}), Snap(1, {"/a", "/b"}));
+  EXPECT_TRUE(Run(0).empty());
+  EXPECT_FALSE(tracer->Contains("No changes found"));  // the row did come back
+}
+
+TEST_F(SnapshotComparerTest, AttributesAreReportedNewFirstInFixedOrder) {
+  settings.reportAccessTime = true;
+  FileSnapshot before = Snap(1, {"/f", "/g"});
+  FileSnapshot after = before;
+  after.nlinks = 5;
+  before.nlinks = 4;
+  after.uid = 1000;
+  after.gid = 100;
+  after.attr = S_IFREG | 0755;
+  after.ctime_nsec = 42;
+  after.atime_sec = 86400;
+  Both(before, after);
+  const auto events = Run();
+  ASSERT_EQ(events.size(), 2u);
+  const std::vector<std::string> attributes = {
+      "59=5 (4)",
+      "65=1000 (0)",
+      "64=100 (0)",
+      "60=-rwxr-xr-x (-rw-r--r--)",
+      "58=1970-01-01 00:16:40.000000042 (1970-01-01 00:16:40.000000000)",
+      "56=1970-01-02 00:00:00.000000000 (1970-01-01 00:16:40.000000000)",
+      "54=3"};
+  std::vector<std::string> forF = attributes, forG = attributes;
+  forF.insert(forF.end(), {"66=/f", "55=0"});
+  forG.insert(forG.end(), {"66=/g", "55=0"});
+  EXPECT_EQ(ChangeFields(events[0]), forF);
+  EXPECT_EQ(ChangeFields(events[1]), forG);
+}
+
+TEST_F(SnapshotComparerTest, AccessTimeAloneCountsOnlyWhenReported) {
+  FileSnapshot after = Snap(1, {"/f"});
+  after.atime_sec += 5;
+  Both(Snap(1, {"/f"}), after);
+  EXPECT_TRUE(Run(0).empty());
+  settings.reportAccessTime = true;
+  const auto events = Run();
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(ChangeFields(events[0]).front().substr(0, 3), "56=");
+}
+
+TEST_F(SnapshotComparerTest, ContentAndAclChangesArePerPath) {
+  FileSnapshot before = Snap(1, {"/f"});
+  FileSnapshot after = before;
+  after.sha256[3] = 1;
+  after.acl = {2, 0, 0, 0};
+  Both(before, after);
+  const auto events = Run();
+  ASSERT_EQ(events.size(), 2u);
+  EXPECT_EQ(ChangeFields(events[0]), (std::vector<std::string>{"54=6", "66=/f", "55=0"}));
+  EXPECT_EQ(ChangeFields(events[1]), (std::vector<std::string>{"54=1", "66=/f", "55=0"}));
+  EXPECT_EQ(comparer.Compare(before, after), 1);
+  EXPECT_EQ(comparer.Compare(before, before), 0);
+}
+
+TEST_F(SnapshotComparerTest, FailedPublishEndsTheComparison) {
+  events->FailWith(orn::errors::kNotReady);
+  Store(false, Snap(1, {"/a"}));
+  Store(false, Snap(2, {"/b"}));
+  Run(orn::errors::kNotReady);
+  EXPECT_EQ(events->Events().size(), 1u);
+  EXPECT_TRUE(tracer->Contains(
+      "(res = Compare(before, after)),(ORN_SUCCEEDED(_result)) failed: result = 0x80000063 (Not "
+      "ready)Cannot compare current snapshot with baseline",
+      300));
+}
+
+}  // namespace
+}  // namespace pax::fim::test

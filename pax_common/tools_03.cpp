@@ -1,0 +1,131 @@
+#include "pax_common/tools_03.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <new>
+#include <string>
+#include <string_view>
+#include <utility>
+
+namespace pax::tools {
+
+namespace {
+
+// The directory descriptor a walk has reached; AT_FDCWD until the first
+// piece is opened, never closed in that state.
+class WalkDir {
+ public:
+  WalkDir() = default;
+  WalkDir(const WalkDir&) = delete;
+  WalkDir& operator=(const WalkDir&) = delete;
+  ~WalkDir() { Replace(AT_FDCWD); }
+
+  int Get() const { return m_fd; }
+  void Replace(int fd) {
+    if (m_fd != AT_FDCWD) ::close(m_fd);
+    m_fd = fd;
+  }
+
+ private:
+  int m_fd = AT_FDCWD;
+};
+
+// Opens the directory prefixes of `path`, 4096 bytes at a time, until at
+// most kMaxPathPiece bytes remain; `tail` receives that rest (relative to
+// `dir`). A short path leaves `dir` at AT_FDCWD and `tail` the whole path.
+orn::result_t WalkToTail(const NativePath& path, WalkDir& dir, std::string& tail) {
+  std::size_t pos = 0;
+  std::string prefix;
+  while (path.size() - pos > kMaxPathPiece) {
+    const std::string_view piece(path.data() + pos, kMaxPathPiece + 1);
+    const std::size_t cut = piece.rfind('/');
+    if (cut == std::string_view::npos) return orn::errors::kFileNotFound;
+    if (cut == 0 && pos != 0) {  // a doubled '/': nothing to open
+      pos += 1;
+      continue;
+    }
+    prefix.assign(cut == 0 ? std::string_view("/") : piece.substr(0, cut));
+    const int fd = ::openat(dir.Get(), prefix.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return orn::ResultFromErrno(errno);
+    dir.Replace(fd);
+    pos += cut + 1;
+  }
+  tail.assign(path, pos, std::string::npos);
+  if (tail.empty()) tail = ".";  // the path ended with the last '/' cut
+  return orn::errors::kOk;
+}
+
+}  // namespace
+
+orn::result_t LStat(const NativePath& path, struct stat& st) noexcept {
+  try {
+    WalkDir dir;
+    std::string tail;
+    if (const orn::result_t r = WalkToTail(path, dir, tail); ORN_FAILED(r)) return r;
+    if (::fstatat(dir.Get(), tail.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0)
+      return orn::ResultFromErrno(errno);
+    return orn::errors::kOk;
+  } catch (const std::bad_alloc&) {
+    return orn::errors::kOutOfMemory;
+  }
+}
+
+int LStatFile(const NativePath& path, struct stat* st) noexcept {
+  const orn::result_t r = LStat(path, *st);
+  if (ORN_SUCCEEDED(r)) return 0;
+  // The failing call's errno is still set; the walk's own failures set one.
+  if (r == orn::errors::kOutOfMemory) errno = ENOMEM;
+  const int err = orn::ErrnoFromResult(r);
+  if (err != 0) errno = err;
+  return -1;
+}
+
+orn::result_t StatFs(const NativePath& path, struct statfs& fs) noexcept {
+  try {
+    if (path.size() <= kMaxPathPiece) {
+      if (::statfs(path.c_str(), &fs) != 0) return orn::ResultFromErrno(errno);
+      return orn::errors::kOk;
+    }
+    WalkDir dir;
+    std::string tail;
+    if (const orn::result_t r = WalkToTail(path, dir, tail); ORN_FAILED(r)) return r;
+    // statfs has no *at form: open the object itself as a path handle.
+    const int fd = ::openat(dir.Get(), tail.c_str(), O_PATH | O_CLOEXEC);
+    if (fd < 0) return orn::ResultFromErrno(errno);
+    WalkDir object;
+    object.Replace(fd);
+    if (::fstatfs(fd, &fs) != 0) return orn::ResultFromErrno(errno);
+    return orn::errors::kOk;
+  } catch (const std::bad_alloc&) {
+    return orn::errors::kOutOfMemory;
+  }
+}
+
+bool IsPseudoFileSystemMagic(std::uint64_t magic) noexcept {
+  constexpr std::uint64_t kProcMagic = 0x9FA0;
+  constexpr std::uint64_t kSysfsMagic = 0x62656572;
+  constexpr std::uint64_t kUsbdevfsMagic = 0x9FA2;
+  return magic == kProcMagic || magic == kSysfsMagic || magic == kUsbdevfsMagic;
+}
+
+orn::result_t IsPseudoFileSystem(const NativePath& path, bool& pseudo) noexcept {
+  struct statfs fs {};
+  if (const orn::result_t r = StatFs(path, fs); ORN_FAILED(r)) return r;
+  pseudo = IsPseudoFileSystemMagic(static_cast<std::uint64_t>(fs.f_type));
+  return orn::errors::kOk;
+}
+
+}  // namespace pax::tools
+
+namespace orn::filesystem {
+
+result_t GetFileType(const pax::NativePath& path, std::uint32_t& fileType) noexcept {
+  struct stat st {};
+  if (const result_t r = pax::tools::LStat(path, st); ORN_FAILED(r)) return r;
+  fileType = st.st_mode & S_IFMT;
+  return errors::kOk;
+}
+
+}  // namespace orn::filesystem

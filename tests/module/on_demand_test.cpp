@@ -1,0 +1,435 @@
+// The on-demand task as a host drives it: the real module loaded with
+// dlopen, the reference host's services (storage, serializer, hashing, file
+// access, path matching, task information) and recording fakes for what the
+// task reports. Each scan uses a fresh task object, as a host does.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "app_core/task_manager/task/task.h"
+#include "host/file_factory.h"
+#include "host/path_matcher.h"
+#include "host/persistent_storage.h"
+#include "host/sha256_provider.h"
+#include "host/storage_serializer.h"
+#include "host/task_info_provider.h"
+#include "orn/ref_ptr.h"
+#include "pax/enumerations.h"
+#include "pax/fim_tasks.h"
+#include "pax/product_event.h"
+#include "tests/fake_host.h"
+#include "tests/fake_services.h"
+#include "tests/temp_tree.h"
+
+namespace {
+
+using app_core::task_manager::task::ITask;
+using app_core::task_manager::task::TaskStopInfo;
+using arvo::test::TempDir;
+using pax::ProductEvent;
+using pax::settings::ODFIMSettings;
+using pax::settings::ScanArea;
+
+// The stop report, waited for on a condition.
+class WaitingStopSink final
+    : public orn::SimpleObject<app_core::task_manager::task::ITaskStopEvents> {
+ public:
+  orn::result_t OnTaskStopped(const TaskStopInfo& info) override {
+    std::lock_guard lock(m_mutex);
+    m_reports.push_back(info);
+    m_changed.notify_all();
+    return 0;
+  }
+  TaskStopInfo Wait() {
+    std::unique_lock lock(m_mutex);
+    m_changed.wait(lock, [this] { return !m_reports.empty(); });
+    return m_reports.front();
+  }
+  std::size_t Count() {
+    std::lock_guard lock(m_mutex);
+    return m_reports.size();
+  }
+
+ private:
+  std::mutex m_mutex;
+  std::condition_variable m_changed;
+  std::vector<TaskStopInfo> m_reports;
+};
+
+// Holds the walk inside its first Match until released, and notes the
+// name of the thread the walk runs on.
+struct WalkGate {
+  std::mutex mutex;
+  std::condition_variable changed;
+  bool armed = false, entered = false, released = false;
+  std::string threadName;
+
+  void OnMatch() {
+    std::unique_lock lock(mutex);
+    if (threadName.empty()) {
+      char name[16] = {};
+      prctl(PR_GET_NAME, name, 0, 0, 0);
+      threadName = name;
+    }
+    if (!armed || entered) return;
+    entered = true;
+    changed.notify_all();
+    changed.wait(lock, [this] { return released; });
+  }
+  void WaitEntered() {
+    std::unique_lock lock(mutex);
+    changed.wait(lock, [this] { return entered; });
+  }
+  void Release() {
+    std::lock_guard lock(mutex);
+    released = true;
+    changed.notify_all();
+  }
+};
+
+class GatedMatcher final : public orn::SimpleObject<pax::IPathMatcher> {
+ public:
+  GatedMatcher(orn::RefPtr<pax::IPathMatcher> inner, WalkGate& gate)
+      : m_inner(std::move(inner)), m_gate(gate) {}
+  orn::result_t Match(const pax::NativePath& path, bool isDirectory) const override {
+    m_gate.OnMatch();
+    return m_inner->Match(path, isDirectory);
+  }
+
+ private:
+  orn::RefPtr<pax::IPathMatcher> m_inner;
+  WalkGate& m_gate;
+};
+
+// The host's matcher factory, its scope matchers wrapped in a GatedMatcher.
+class GatedMatcherFactory final : public orn::SimpleObject<pax::IPathMatcherFactory> {
+ public:
+  GatedMatcherFactory(orn::RefPtr<pax::IPathMatcherFactory> inner, WalkGate& gate)
+      : m_inner(std::move(inner)), m_gate(gate) {}
+  orn::result_t CreateGlobMatcher(const std::vector<pax::NativePath>& globs,
+                                  pax::IPathMatcher** matcher) override {
+    return m_inner->CreateGlobMatcher(globs, matcher);
+  }
+  orn::result_t CreatePrefixMatcher(const std::vector<pax::NativePath>& roots,
+                                    pax::IPathMatcher** matcher) override {
+    return m_inner->CreatePrefixMatcher(roots, matcher);
+  }
+  orn::result_t CreateFntreeMatcher(const pax::settings::ScanScopeSettings& scope,
+                                    const pax::settings::ExclusionSettings& exclusions,
+                                    pax::IPathMatcher** matcher) override {
+    orn::RefPtr<pax::IPathMatcher> inner;
+    const orn::result_t r = m_inner->CreateFntreeMatcher(scope, exclusions, inner.Ref());
+    if (ORN_FAILED(r)) return r;
+    orn::MakeSimple<GatedMatcher>(inner, m_gate).CopyTo(reinterpret_cast<GatedMatcher**>(matcher));
+    return 0;
+  }
+
+ private:
+  orn::RefPtr<pax::IPathMatcherFactory> m_inner;
+  WalkGate& m_gate;
+};
+
+std::u16string Text16(const pax::FieldValue& v) {
+  return v.Tag() == pax::FieldTag::kText16 ? v.AsText16() : u"";
+}
+
+class OnDemandModuleTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(module.Ok()) << module.Error();
+    setenv("ARVO_FIM_DB", (dir / "fim.db").c_str(), 1);
+    arvo::test::MakeDir(dir / "etc");
+    arvo::test::WriteFile(dir / "etc/passwd", "root:x:0:0");
+    arvo::test::WriteFile(dir / "etc/hosts", "127.0.0.1 localhost");
+    arvo::test::MakeDir(dir / "etc/ssl");
+    arvo::test::WriteFile(dir / "etc/ssl/cert", "cert");
+    arvo::test::MakeDir(dir / "bin");
+    arvo::test::WriteFile(dir / "bin/sh", "#!");
+
+    orn::RefPtr<orn::IObject> service;
+    ASSERT_EQ(module.CreateObject(pax::fim::kIntegrityMonitorPublisherServiceClsid,
+                                  host.locator.Get(), service.Ref()),
+              0);
+    orn::RefPtr<pax::IIntegrityMonitorPublisher> publisher;
+    ASSERT_EQ(orn::QueryInterface(service.Get(), publisher), 0);
+    orn::RefPtr<mdr::agent::IFileIntegrityMonitorDetectEventSubscription> subscription;
+    ASSERT_EQ(orn::QueryInterface(service.Get(), subscription), 0);
+    ASSERT_EQ(subscription->Subscribe(detections.Get()), 0);
+    host.locator->Provide(publisher.Get());
+    host.locator->Provide(events.Get());
+
+    orn::RefPtr<filesystem_services::ISha256HashProvider> sha;
+    ASSERT_EQ(arvo::host::CreateSha256Provider(sha), 0);
+    host.locator->Provide(sha.Get());
+    orn::RefPtr<orn::IFileFactory> files;
+    ASSERT_EQ(arvo::host::CreateFileFactory(files), 0);
+    host.locator->Provide(files.Get(), orn::NfioFileFactoryCLSID);
+    ASSERT_EQ(arvo::host::CreatePersistentStorage(dir / "storage.dat", nullptr, storage), 0);
+    host.locator->Provide(storage.Get());
+    orn::RefPtr<orn::IStorageSerializer2> serializer;
+    ASSERT_EQ(arvo::host::CreateStorageSerializer(serializer), 0);
+    host.locator->Provide(serializer.Get());
+    orn::RefPtr<pax::IPathMatcherFactory> matchers;
+    ASSERT_EQ(arvo::host::CreatePathMatcherFactory(nullptr, matchers), 0);
+    host.locator->Provide(static_cast<pax::IPathMatcherFactory*>(
+        orn::MakeSimple<GatedMatcherFactory>(matchers, gate).Get()));
+    orn::RefPtr<pax::ITaskInfoProvider> taskInfo;
+    ASSERT_EQ(arvo::host::CreateTaskInfoProvider({7, 99, u"Nightly", u"Default"}, taskInfo), 0);
+    host.locator->Provide(taskInfo.Get());
+
+    settings.scanAreas = {ScanArea{u"etc", true, dir / "etc", {}},
+                          ScanArea{u"bin", true, dir / "bin", {}}};
+    settings.computeContentHash = true;
+  }
+  void TearDown() override { unsetenv("ARVO_FIM_DB"); }
+
+  orn::RefPtr<ITask> NewTask(orn::result_t expected = 0) {
+    orn::RefPtr<orn::IObjectFactory> factory;
+    EXPECT_EQ(module.GetObjectFactory(host.locator.Get(),
+                                      pax::fim::kOnDemandIntegrityMonitorTaskClsid, factory.Ref()),
+              0);
+    orn::RefPtr<ITask> task;
+    EXPECT_EQ(factory->CreateInstance(host.locator.Get(), ITask::kIid, task.RefVoid()), expected);
+    if (task) {
+      orn::RefPtr<pax::fim::IOnDemandIntegrityMonitorTaskConstruct> construct;
+      EXPECT_EQ(orn::QueryInterface(task.Get(), construct), 0);
+      EXPECT_EQ(construct->Construct(&settings), 0);
+    }
+    return task;
+  }
+
+  // One complete scan with the current `settings`: its report and events.
+  TaskStopInfo Scan() {
+    eventsBefore = events->Events().size();
+    orn::RefPtr<ITask> task = NewTask();
+    auto sink = orn::MakeSimple<WaitingStopSink>();
+    EXPECT_EQ(task->Start(1, sink.Get()), 0);
+    const TaskStopInfo report = sink->Wait();
+    EXPECT_EQ(task->Stop(), 0);
+    return report;
+  }
+  std::vector<ProductEvent> ScanEvents() const {
+    const std::vector<ProductEvent> all = events->Events();
+    return {all.begin() + eventsBefore, all.end()};
+  }
+  std::size_t Count(std::uint32_t type) const {
+    std::size_t n = 0;
+    for (const ProductEvent& e : ScanEvents()) n += e.eventType == type;
+    return n;
+  }
+  // Change events of the last scan for `path` with modification `kind`.
+  std::size_t Changes(const std::string& path, std::uint32_t kind) const {
+    std::size_t n = 0;
+    for (const ProductEvent& e : ScanEvents()) {
+      bool hasKind = false, hasPath = false;
+      for (const pax::EventField& f : e.fields) {
+        hasKind |= f.fieldId == pax::field::kFileModificationType && f.value.AsU32() == kind;
+        hasPath |= f.fieldId == pax::field::kPath && f.value.AsText8() == path;
+      }
+      n += e.eventType == pax::event_type::kSystemIntegrityIssue && hasKind && hasPath;
+    }
+    return n;
+  }
+
+  arvo::test::LoadedModule module{ARVO_MODULE_PATH};
+  TempDir dir;
+  WalkGate gate;
+  arvo::test::FakeHost host;
+  orn::RefPtr<arvo::test::RecordingEventPublisher> events =
+      orn::MakeSimple<arvo::test::RecordingEventPublisher>();
+  orn::RefPtr<arvo::test::RecordingDetectReceiver> detections =
+      orn::MakeSimple<arvo::test::RecordingDetectReceiver>();
+  orn::RefPtr<orn::IPersistentStorage> storage;
+  ODFIMSettings settings;
+  std::size_t eventsBefore = 0;
+};
+
+using Report = std::pair<orn::result_t, std::u16string>;
+Report R(const TaskStopInfo& info) { return {info.result, info.reason}; }
+const Report kCompleted{0, u"Task is completed"};
+
+TEST_F(OnDemandModuleTest, FirstRunBuildsBaselinesAndAnUnchangedRerunIsOk) {
+  EXPECT_EQ(R(Scan()), kCompleted);
+  EXPECT_EQ(gate.threadName, "arvoIntMonTask");
+  EXPECT_EQ(Count(pax::event_type::kBaselineBuilt), 2u);
+  EXPECT_EQ(Count(pax::event_type::kSystemIntegrityOk), 0u);
+  EXPECT_TRUE(host.tracer->Contains("No previous settings were found"));
+
+  EXPECT_EQ(R(Scan()), kCompleted);
+  ASSERT_EQ(ScanEvents().size(), 1u);
+  const ProductEvent ok = ScanEvents()[0];
+  EXPECT_EQ(ok.eventType, pax::event_type::kSystemIntegrityOk);
+  EXPECT_EQ(ok.severity, pax::severity::kInformational);
+  std::vector<std::u16string> texts;
+  for (const pax::EventField& f : ok.fields) texts.push_back(Text16(f.value));
+  EXPECT_NE(std::find(texts.begin(), texts.end(), u"Nightly"), texts.end());
+  EXPECT_NE(std::find(texts.begin(), texts.end(), u"ODFIM"), texts.end());
+  EXPECT_TRUE(host.tracer->Contains("Settings were not changed"));
+}
+
+TEST_F(OnDemandModuleTest, EachChangeKindIsReportedOnce) {
+  arvo::test::WriteFile(dir / "etc/rename-me", "r");
+  arvo::test::WriteFile(dir / "etc/move-me", "m");
+  arvo::test::WriteFile(dir / "etc/delete-me", "d");
+  ASSERT_EQ(R(Scan()), kCompleted);
+
+  arvo::test::WriteFile(dir / "etc/passwd", "root:y:0:0");  // same size, new content
+  ASSERT_EQ(chmod((dir / "etc/hosts").c_str(), 0600), 0);
+  arvo::test::WriteFile(dir / "etc/new", "n");
+  ASSERT_EQ(unlink((dir / "etc/delete-me").c_str()), 0);
+  ASSERT_EQ(rename((dir / "etc/rename-me").c_str(), (dir / "etc/renamed").c_str()), 0);
+  ASSERT_EQ(rename((dir / "etc/move-me").c_str(), (dir / "etc/ssl/move-me").c_str()), 0);
+  EXPECT_EQ(R(Scan()), kCompleted);
+
+  using namespace pax::modification;
+  EXPECT_EQ(Changes(dir / "etc/passwd", kObjectContentChanged), 1u);
+  EXPECT_EQ(Changes(dir / "etc/hosts", kObjectAttributesChanged), 1u);
+  EXPECT_EQ(Changes(dir / "etc/new", kObjectCreated), 1u);
+  EXPECT_EQ(Changes(dir / "etc/delete-me", kObjectDeleted), 1u);
+  EXPECT_EQ(Changes(dir / "etc/renamed", kObjectRenamed), 1u);
+  EXPECT_EQ(Changes(dir / "etc/ssl/move-me", kObjectMoved), 1u);
+  EXPECT_EQ(
+      Changes(dir / "etc/renamed", kObjectCreated) + Changes(dir / "etc/rename-me", kObjectDeleted),
+      0u);
+  EXPECT_EQ(Count(pax::event_type::kSystemIntegrityOk), 0u);
+  EXPECT_EQ(detections->Count(), 2u);  // the rename and the move, by their former paths
+}
+
+TEST_F(OnDemandModuleTest, SettingsChangeForcesRebuildAndRemovedAreasAreCollected) {
+  settings.computeContentHash = false;
+  ASSERT_EQ(R(Scan()), kCompleted);
+
+  settings.computeContentHash = true;
+  settings.scanAreas.pop_back();
+  EXPECT_EQ(R(Scan()), kCompleted);
+  EXPECT_TRUE(host.tracer->Contains("Global settings were changed"));
+  EXPECT_TRUE(host.tracer->Contains("Force rebuild baseline for " + dir / "etc"));
+  EXPECT_TRUE(host.tracer->Contains("scan scope '" + dir / "bin" + "' was deleted"));
+  EXPECT_EQ(Count(pax::event_type::kBaselineBuilt), 1u);
+  EXPECT_EQ(Count(pax::event_type::kSystemIntegrityIssue), 0u);
+
+  // The removed area comes back without a baseline; the other keeps its own.
+  settings.scanAreas.push_back(ScanArea{u"bin", true, dir / "bin", {}});
+  host.tracer->Clear();
+  EXPECT_EQ(R(Scan()), kCompleted);
+  EXPECT_EQ(Count(pax::event_type::kBaselineBuilt), 1u);
+  EXPECT_EQ(Count(pax::event_type::kSystemIntegrityIssue), 0u);
+}
+
+TEST_F(OnDemandModuleTest, AutomaticBaselineUpdateFoldsChangesIn) {
+  settings.autoUpdateBaseline = true;
+  ASSERT_EQ(R(Scan()), kCompleted);
+  arvo::test::WriteFile(dir / "bin/ls", "ls");
+  EXPECT_EQ(R(Scan()), kCompleted);
+  EXPECT_EQ(Changes(dir / "bin/ls", pax::modification::kObjectCreated), 1u);
+  EXPECT_EQ(Count(pax::event_type::kBaselineBuilt), 2u);
+  EXPECT_EQ(R(Scan()), kCompleted);
+  EXPECT_EQ(Count(pax::event_type::kSystemIntegrityIssue), 0u);
+  EXPECT_EQ(Count(pax::event_type::kSystemIntegrityOk), 1u);
+}
+
+TEST_F(OnDemandModuleTest, StopDuringAWalkReportsInterruptedAndKeepsNothing) {
+  for (int i = 0; i < 300; ++i) arvo::test::WriteFile(dir / ("etc/f" + std::to_string(i)), "");
+  gate.armed = true;
+  orn::RefPtr<ITask> task = NewTask();
+  auto sink = orn::MakeSimple<WaitingStopSink>();
+  ASSERT_EQ(task->Start(42, sink.Get()), 0);
+  gate.WaitEntered();
+  std::thread stopper([&] { EXPECT_EQ(task->Stop(), 0); });
+  host.tracer->WaitFor("OnDemandIntegrityMonitorTask::Stop()");
+  gate.Release();
+  stopper.join();  // Stop returns once the run has ended
+  EXPECT_EQ(R(sink->Wait()), Report(1, u"Task is interrupted"));
+  EXPECT_EQ(sink->Count(), 1u);
+  EXPECT_EQ(Count(pax::event_type::kBaselineBuilt), 0u);
+  task.Reset();
+
+  gate.armed = false;
+  host.tracer->Clear();
+  EXPECT_EQ(R(Scan()), kCompleted);  // nothing of the interrupted run was kept
+  EXPECT_TRUE(host.tracer->Contains("No previous settings were found"));
+  EXPECT_EQ(Count(pax::event_type::kBaselineBuilt), 2u);
+}
+
+TEST_F(OnDemandModuleTest, PauseResumeAndTheRefusalsOfEachState) {
+  for (int i = 0; i < 300; ++i) arvo::test::WriteFile(dir / ("etc/f" + std::to_string(i)), "");
+  gate.armed = true;
+  orn::RefPtr<ITask> task = NewTask();
+  auto sink = orn::MakeSimple<WaitingStopSink>();
+  EXPECT_EQ(task->Resume(), orn::errors::kInvalidState);  // Stopped
+  EXPECT_EQ(task->Stop(), orn::errors::kInvalidState);
+  ASSERT_EQ(task->Start(42, sink.Get()), 0);
+  gate.WaitEntered();
+  std::thread pauser([&] { EXPECT_EQ(task->Pause(), 0); });
+  host.tracer->WaitFor("Request pause and wait");
+  gate.Release();
+  pauser.join();  // the worker has parked
+  EXPECT_TRUE(host.tracer->Contains("odfim\tThread suspended"));
+
+  EXPECT_EQ(task->Stop(), orn::errors::kInvalidState);
+  EXPECT_TRUE(host.tracer->Contains("odfim\tTask is not started, session id: 42"));
+  EXPECT_EQ(task->Pause(), orn::errors::kInvalidState);
+  EXPECT_EQ(sink->Count(), 0u);
+  EXPECT_EQ(task->Resume(), 0);
+  EXPECT_TRUE(host.tracer->Contains("odfim\tResumed"));
+  EXPECT_EQ(task->Resume(), orn::errors::kInvalidState);
+  EXPECT_TRUE(host.tracer->Contains("odfim\tTask is not suspended"));
+
+  EXPECT_EQ(R(sink->Wait()), kCompleted);
+  EXPECT_EQ(task->Start(43, sink.Get()), orn::errors::kInvalidState);  // still Started
+  EXPECT_TRUE(host.tracer->Contains("odfim\tTask is not stopped, session id: 43"));
+  EXPECT_EQ(task->Stop(), 0);
+  EXPECT_EQ(sink->Count(), 1u);
+}
+
+TEST_F(OnDemandModuleTest, PreviousSettingsAreOneNodeAndAnUnreadableOneFailsTheRun) {
+  ASSERT_EQ(R(Scan()), kCompleted);
+  orn::RefPtr<orn::IStorageNode> node;
+  ASSERT_EQ(storage->AppendNode("PreviousSettings", node.Ref()), 0);  // a stray second node
+  ASSERT_EQ(R(Scan()), kCompleted);
+  int nodes = 0;
+  while (ORN_SUCCEEDED(storage->RemoveNode("PreviousSettings"))) ++nodes;
+  EXPECT_EQ(nodes, 1);
+
+  ASSERT_EQ(storage->AppendNode("PreviousSettings", node.Ref()), 0);
+  ASSERT_EQ(node->SetValue({0xde, 0xad}), 0);
+  EXPECT_EQ(R(Scan()), Report(orn::errors::kUnspecified, u"Task is completed with error"));
+  EXPECT_TRUE(
+      host.tracer->Contains("Cannot deserialize ODFIMSettings struct", orn::kTraceLevelError));
+  EXPECT_TRUE(ScanEvents().empty());
+}
+
+TEST_F(OnDemandModuleTest, ConstructionLooksUpServicesInOrderAndFailsOnTheFirstMissing) {
+  host.locator->Remove(orn::IStorageSerializer2::kIid);
+  const std::size_t before = host.locator->Lookups().size();
+  EXPECT_FALSE(NewTask(orn::errors::kNoInterface));
+  const std::vector<orn::iid_t> lookups = host.locator->Lookups();
+  const std::vector<orn::iid_t> expected = {orn::IAllocator::kIid,
+                                            orn::IAllocator::kIid,
+                                            orn::ITracer::kIid,
+                                            pax::IEventPublisher::kIid,
+                                            pax::IIntegrityMonitorPublisher::kIid,
+                                            filesystem_services::ISha256HashProvider::kIid,
+                                            orn::IFileFactory::kIid,
+                                            orn::IPersistentStorage::kIid,
+                                            orn::IStorageSerializer2::kIid};
+  EXPECT_EQ(std::vector<orn::iid_t>(lookups.begin() + before, lookups.end()), expected);
+  EXPECT_TRUE(host.tracer->Contains("Cannot get orn::IStorageSerializer2 interface",
+                                    orn::kTraceLevelError));
+
+  setenv("ARVO_FIM_DB", (dir / "missing/fim.db").c_str(), 1);
+  EXPECT_FALSE(NewTask(orn::errors::kUnspecified));
+  EXPECT_TRUE(host.tracer->Contains("Cannot open db: ", orn::kTraceLevelError));
+}
+
+}  // namespace
