@@ -21,9 +21,24 @@ namespace {
 
 constexpr int kOpenFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOATIME | O_NOCTTY | O_CLOEXEC;
 
+orn::FileIdentity IdentityOf(const struct stat& st) {
+  orn::FileIdentity id;
+  id.dev = st.st_dev;
+  id.ino = st.st_ino;
+  id.mode = st.st_mode;
+  id.size = st.st_size;
+  id.mtimeSec = st.st_mtim.tv_sec;
+  id.mtimeNsec = st.st_mtim.tv_nsec;
+  id.ctimeSec = st.st_ctim.tv_sec;
+  id.ctimeNsec = st.st_ctim.tv_nsec;
+  return id;
+}
+
+// The identity is the fstat taken right after the open: it describes the
+// file this stream reads, whatever happens to its path afterwards.
 class FileIO final : public orn::SimpleObject<orn::IIO> {
  public:
-  explicit FileIO(ScopedFd fd) : m_fd(std::move(fd)) {}
+  FileIO(ScopedFd fd, const struct stat& st) : m_fd(std::move(fd)), m_identity(IdentityOf(st)) {}
 
   orn::result_t Read(void* buffer, std::size_t size, std::size_t* read) override {
     if (!read || (!buffer && size != 0)) return orn::errors::kInvalidArgument;
@@ -41,21 +56,13 @@ class FileIO final : public orn::SimpleObject<orn::IIO> {
 
   orn::result_t GetIdentity(orn::FileIdentity* identity) const override {
     if (!identity) return orn::errors::kInvalidArgument;
-    struct stat st {};
-    if (::fstat(m_fd.Get(), &st) != 0) return orn::ResultFromErrno(errno);
-    identity->dev = st.st_dev;
-    identity->ino = st.st_ino;
-    identity->mode = st.st_mode;
-    identity->size = st.st_size;
-    identity->mtimeSec = st.st_mtim.tv_sec;
-    identity->mtimeNsec = st.st_mtim.tv_nsec;
-    identity->ctimeSec = st.st_ctim.tv_sec;
-    identity->ctimeNsec = st.st_ctim.tv_nsec;
+    *identity = m_identity;
     return orn::errors::kOk;
   }
 
  private:
   ScopedFd m_fd;
+  const orn::FileIdentity m_identity;
 };
 
 // openat that drops O_NOATIME when the kernel refuses it to a non-owner.
@@ -93,15 +100,12 @@ int OpenPath(const std::string& path, int flags, ScopedFd& out) {
   return 0;
 }
 
-// Keeps only regular files, back in blocking mode.
-orn::result_t AcceptRegular(const ScopedFd& fd) {
-  struct stat st {};
+// Keeps only regular files. O_NONBLOCK, needed so that opening a FIFO or a
+// device never blocks, has no effect on reads of a regular file, so it stays.
+orn::result_t AcceptRegular(const ScopedFd& fd, struct stat& st) {
   if (::fstat(fd.Get(), &st) != 0) return orn::ResultFromErrno(errno);
   if (S_ISDIR(st.st_mode)) return orn::ResultFromErrno(EISDIR);
   if (!S_ISREG(st.st_mode)) return orn::errors::kNotSupported;
-  const int fl = ::fcntl(fd.Get(), F_GETFL);
-  if (fl < 0 || ::fcntl(fd.Get(), F_SETFL, fl & ~O_NONBLOCK) != 0)
-    return orn::ResultFromErrno(errno);
   return orn::errors::kOk;
 }
 
@@ -119,8 +123,9 @@ class FileFactory final : public orn::SimpleObject<orn::IFileFactory> {
       ScopedFd fd;
       if (const int err = OpenPath(narrow, kOpenFlags, fd); err != 0)
         return orn::ResultFromErrno(err);
-      if (const orn::result_t r = AcceptRegular(fd); ORN_FAILED(r)) return r;
-      *io = orn::MakeSimple<FileIO>(std::move(fd)).Detach();
+      struct stat st {};
+      if (const orn::result_t r = AcceptRegular(fd, st); ORN_FAILED(r)) return r;
+      *io = orn::MakeSimple<FileIO>(std::move(fd), st).Detach();
       return orn::errors::kOk;
     } catch (...) {
       return orn::ExceptionToResult(nullptr, "file_factory\t");

@@ -18,12 +18,16 @@ namespace {
 
 constexpr const char* kTag = "storage\t";
 
-// One node's data. `value` and `attached` are guarded by the core's mutex;
-// `name` never changes.
+// One node's data. `value`, `attached` and `persisted` are guarded by the
+// core's mutex; `name` never changes. An appended node reaches the file with
+// its first value: a crash between AppendNode and SetValue (or between the
+// removal of an old node and the write of its successor) leaves no empty
+// node behind, only the nodes that were complete.
 struct NodeSlot {
   const orn::types::string8_t name;
   orn::types::blob_t value;
   bool attached = true;
+  bool persisted = true;
 };
 
 // State shared by the storage object and its nodes, so that a node outlives
@@ -41,10 +45,10 @@ class StorageCore {
   orn::ITracer* Tracer() const { return m_tracer.Get(); }
 
  private:
-  // Writes the image of the nodes, with `replace`'s value taken from
-  // `value` and `skip` left out. Called with m_mutex held.
+  // Writes the image of the persisted nodes, with `replace`'s value taken
+  // from `value` and `skip` left out. Called with m_mutex held.
   orn::result_t Write(const NodeSlot* replace, const orn::types::blob_t* value,
-                      const NodeSlot* skip, const NodeSlot* extra);
+                      const NodeSlot* skip);
   std::vector<std::shared_ptr<NodeSlot>>::iterator FindLocked(const orn::types::string8_t& name);
 
   const std::string m_file;
@@ -91,10 +95,8 @@ std::shared_ptr<NodeSlot> StorageCore::Find(const orn::types::string8_t& name) {
 
 orn::result_t StorageCore::Append(const orn::types::string8_t& name,
                                   std::shared_ptr<NodeSlot>& slot) {
-  auto fresh = std::make_shared<NodeSlot>(NodeSlot{name, {}});
+  auto fresh = std::make_shared<NodeSlot>(NodeSlot{name, {}, true, false});
   const std::lock_guard lock(m_mutex);
-  const orn::result_t r = Write(nullptr, nullptr, nullptr, fresh.get());
-  if (ORN_FAILED(r)) return r;
   m_nodes.push_back(fresh);
   slot = std::move(fresh);
   return orn::errors::kOk;
@@ -104,8 +106,10 @@ orn::result_t StorageCore::Remove(const orn::types::string8_t& name) {
   const std::lock_guard lock(m_mutex);
   const auto it = FindLocked(name);
   if (it == m_nodes.end()) return orn::errors::kNotFound;
-  const orn::result_t r = Write(nullptr, nullptr, it->get(), nullptr);
-  if (ORN_FAILED(r)) return r;
+  if ((*it)->persisted) {
+    const orn::result_t r = Write(nullptr, nullptr, it->get());
+    if (ORN_FAILED(r)) return r;
+  }
   (*it)->attached = false;
   m_nodes.erase(it);
   return orn::errors::kOk;
@@ -114,9 +118,10 @@ orn::result_t StorageCore::Remove(const orn::types::string8_t& name) {
 orn::result_t StorageCore::SetValue(NodeSlot& slot, const orn::types::blob_t& value) {
   const std::lock_guard lock(m_mutex);
   if (!slot.attached) return orn::errors::kNotFound;
-  const orn::result_t r = Write(&slot, &value, nullptr, nullptr);
+  const orn::result_t r = Write(&slot, &value, nullptr);
   if (ORN_FAILED(r)) return r;
   slot.value = value;
+  slot.persisted = true;
   return orn::errors::kOk;
 }
 
@@ -126,14 +131,13 @@ orn::types::blob_t StorageCore::GetValue(const NodeSlot& slot) {
 }
 
 orn::result_t StorageCore::Write(const NodeSlot* replace, const orn::types::blob_t* value,
-                                 const NodeSlot* skip, const NodeSlot* extra) {
+                                 const NodeSlot* skip) {
   std::vector<StoredNodeView> views;
   views.reserve(m_nodes.size() + 1);
   for (const auto& n : m_nodes) {
-    if (n.get() == skip) continue;
+    if (n.get() == skip || (!n->persisted && n.get() != replace)) continue;
     views.push_back({n->name, n.get() == replace ? value : &n->value});
   }
-  if (extra) views.push_back({extra->name, &extra->value});
   return ORN_CHECK(m_tracer.Get(), ReplaceFileAtomically(m_file, EncodeStorage(views)),
                    "Cannot write storage file '" << m_file << "'");
 }

@@ -79,6 +79,24 @@ TEST_F(PersistentStorageTest, ChangesSurviveReopening) {
   EXPECT_EQ(s->FindNode("A", gone.Ref()), orn::errors::kNotFound);
 }
 
+TEST_F(PersistentStorageTest, NodeWithoutValueNeverReachesTheFile) {
+  // A process that dies between replacing a node's predecessor and writing
+  // its value must not leave an empty node for the next start to trip on.
+  {
+    auto s = Open();
+    orn::RefPtr<orn::IStorageNode> old, fresh;
+    ASSERT_EQ(s->AppendNode("PreviousSettings", old.Ref()), 0);
+    ASSERT_EQ(old->SetValue(Blob{7}), 0);
+    ASSERT_EQ(s->RemoveNode("PreviousSettings"), 0);
+    ASSERT_EQ(s->AppendNode("PreviousSettings", fresh.Ref()), 0);
+    orn::RefPtr<orn::IStorageNode> pending;
+    EXPECT_EQ(s->FindNode("PreviousSettings", pending.Ref()), 0);  // visible in-process
+  }
+  auto s = Open();
+  orn::RefPtr<orn::IStorageNode> none;
+  EXPECT_EQ(s->FindNode("PreviousSettings", none.Ref()), orn::errors::kNotFound);
+}
+
 TEST_F(PersistentStorageTest, DamagedFileIsReportedAndKept) {
   {
     auto s = Open();
@@ -135,9 +153,11 @@ TEST_F(PersistentStorageTest, FailedWriteChangesNothing) {
   auto s = Open();
   ASSERT_EQ(::mkdir(m_file.c_str(), 0700), 0);  // the rename onto it must fail
   orn::RefPtr<orn::IStorageNode> n;
-  EXPECT_TRUE(ORN_FAILED(s->AppendNode("N", n.Ref())));
-  EXPECT_FALSE(n);
-  EXPECT_EQ(s->FindNode("N", n.Ref()), orn::errors::kNotFound);
+  ASSERT_EQ(s->AppendNode("N", n.Ref()), 0);  // nothing is written before a value
+  EXPECT_TRUE(ORN_FAILED(n->SetValue(Blob{1})));
+  Blob v{9};
+  EXPECT_EQ(n->GetValue(v), 0);
+  EXPECT_TRUE(v.empty());
   EXPECT_EQ(DirEntries(), std::vector<std::string>{"storage.dat"});  // temporary removed
   EXPECT_TRUE(m_tracer->Contains("Cannot write storage file", orn::kTraceLevelError));
 }

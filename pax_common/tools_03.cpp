@@ -1,6 +1,7 @@
 #include "pax_common/tools_03.h"
 
 #include <fcntl.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -32,14 +33,15 @@ class WalkDir {
   int m_fd = AT_FDCWD;
 };
 
-// Opens the directory prefixes of `path`, 4096 bytes at a time, until at
-// most kMaxPathPiece bytes remain; `tail` receives that rest (relative to
+// Opens the directory prefixes of `path`, limit + 1 bytes at a time, until
+// at most `limit` bytes remain; `tail` receives that rest (relative to
 // `dir`). A short path leaves `dir` at AT_FDCWD and `tail` the whole path.
-orn::result_t WalkToTail(const NativePath& path, WalkDir& dir, std::string& tail) {
+orn::result_t WalkToTail(const NativePath& path, WalkDir& dir, std::string& tail,
+                         std::size_t limit = kMaxPathPiece) {
   std::size_t pos = 0;
   std::string prefix;
-  while (path.size() - pos > kMaxPathPiece) {
-    const std::string_view piece(path.data() + pos, kMaxPathPiece + 1);
+  while (path.size() - pos > limit) {
+    const std::string_view piece(path.data() + pos, limit + 1);
     const std::size_t cut = piece.rfind('/');
     if (cut == std::string_view::npos) return orn::errors::kFileNotFound;
     if (cut == 0 && pos != 0) {  // a doubled '/': nothing to open
@@ -100,6 +102,31 @@ orn::result_t StatFs(const NativePath& path, struct statfs& fs) noexcept {
     return orn::errors::kOk;
   } catch (const std::bad_alloc&) {
     return orn::errors::kOutOfMemory;
+  }
+}
+
+ssize_t LGetXattr(const NativePath& path, const char* name, void* value,
+                  std::size_t size) noexcept {
+  if (path.size() <= kMaxPathPiece) return ::lgetxattr(path.c_str(), name, value, size);
+  try {
+    // The xattr calls have no *at form. The walk stops short enough that the
+    // directory's /proc/self/fd link plus the rest still fits in one piece;
+    // the link is an intermediate component, so the final one is still not
+    // followed.
+    constexpr std::size_t kProcPrefix = 40;
+    WalkDir dir;
+    std::string tail;
+    if (const orn::result_t r = WalkToTail(path, dir, tail, kMaxPathPiece - kProcPrefix);
+        ORN_FAILED(r)) {
+      const int err = orn::ErrnoFromResult(r);
+      errno = err != 0 ? err : ENOENT;
+      return -1;
+    }
+    const std::string viaProc = "/proc/self/fd/" + std::to_string(dir.Get()) + "/" + tail;
+    return ::lgetxattr(viaProc.c_str(), name, value, size);
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;
+    return -1;
   }
 }
 

@@ -12,6 +12,7 @@
 
 #include <sys/stat.h>
 #include <sys/statfs.h>
+#include <sys/types.h>
 
 #include <cstdint>
 
@@ -33,6 +34,12 @@ int LStatFile(const NativePath& path, struct stat* st) noexcept;
 
 // statfs (follows a final symbolic link) for a path of any length.
 orn::result_t StatFs(const NativePath& path, struct statfs& fs) noexcept;
+
+// lgetxattr for a path of any length: 0 or more bytes as lgetxattr
+// returns them, or -1 with errno set. Long paths go through the walk's
+// directory descriptor in /proc/self/fd.
+ssize_t LGetXattr(const NativePath& path, const char* name, void* value,
+                  std::size_t size) noexcept;
 
 // True for the magic numbers of proc (0x9FA0), sysfs (0x62656572) and
 // usbdevfs (0x9FA2): pseudo file systems whose files are not recorded.

@@ -78,6 +78,14 @@ TEST_F(ToolsTest, PathsBeyondTheKernelLimitAreWalkedInPieces) {
     bool pseudo = true;
     EXPECT_EQ(IsPseudoFileSystem(deep, pseudo), 0);
     EXPECT_FALSE(pseudo);
+
+    // The attribute read reaches the object: the answer is about its ACL
+    // (none here, or no support), never that the name is too long.
+    errno = 0;
+    EXPECT_EQ(LGetXattr(deep, "system.posix_acl_access", nullptr, 0), -1);
+    EXPECT_TRUE(errno == ENODATA || errno == EOPNOTSUPP) << errno;
+    EXPECT_EQ(LGetXattr(deep + "/missing", "system.posix_acl_access", nullptr, 0), -1);
+    EXPECT_EQ(errno, ENOENT);
     (void)std::system(("rm -rf '" + m_dir + "/" + std::string(200, 'd') + "'").c_str());
   }
 }

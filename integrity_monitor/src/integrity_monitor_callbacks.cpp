@@ -24,6 +24,13 @@ void IntegrityMonitorCallbacks::UpdateSettings(const settings::OAFIMSettings* se
   std::lock_guard lock(m_mutex);
   m_settings = *settings;
   m_matcher = orn::RefPtr<IPathMatcher>(matcher);
+  std::lock_guard ruleLock(m_ruleIdMutex);
+  m_ruleId = settings->ruleId;
+}
+
+orn::types::string16_t IntegrityMonitorCallbacks::RuleId() const {
+  std::lock_guard lock(m_ruleIdMutex);
+  return m_ruleId;
 }
 
 bool IntegrityMonitorCallbacks::IsScanAreaAncestor(const NativePath& path) const {
@@ -83,9 +90,9 @@ result_t IntegrityMonitorCallbacks::Report(const InotifyEvent& event) {
     product.Add(field::kOriginalPath, FieldValue::Text8(event.formerPath));
   product.Add(field::kPath, FieldValue::Text8(event.path));
   product.Add(field::kFileModificationType, FieldValue::U32(event.mask));
-  // Deliberately read without m_mutex: only the scope decision is serialised
-  // against UpdateSettings, and an update racing with this event is not.
-  product.Add(field::kFimRuleId, FieldValue::Text16(m_settings.ruleId));
+  // Not under m_mutex: only the scope decision is serialised against
+  // UpdateSettings, so an event racing with an update may carry either id.
+  product.Add(field::kFimRuleId, FieldValue::Text16(RuleId()));
   product.Add(field::kTaskId, FieldValue::U64(kOnAccessTaskId));
   product.Add(field::kTaskType, FieldValue::Text16(kTaskTypeOnAccess));
   product.Add(field::kTaskName, FieldValue::Text16(taskName));

@@ -62,15 +62,20 @@ class IntegrityMonitorCallbacks : public IInotifyEventsReceiver,
   // Reports an event in scope to both publishers.
   result_t Report(const InotifyEvent& event);
   bool IsScanAreaAncestor(const NativePath& path) const;
+  orn::types::string16_t RuleId() const;
 
   // The task's subscription mask, recorded for diagnosis; not read.
   [[maybe_unused]] std::uint32_t m_eventMask = kOnAccessEventMask;
   orn::RefPtr<IEventPublisher> m_eventPublisher;
   orn::RefPtr<IIntegrityMonitorPublisher> m_integrityMonitorPublisher;
   mutable std::recursive_mutex m_mutex;
-  // Guarded by m_mutex, except the rule id read while reporting (see Report).
-  settings::OAFIMSettings m_settings;
+  settings::OAFIMSettings m_settings;   // guarded by m_mutex
   orn::RefPtr<IPathMatcher> m_matcher;  // guarded by m_mutex
+  // The rule id events carry. Reporting reads it without m_mutex (only the
+  // scope decision is serialised against UpdateSettings); this small lock
+  // of its own keeps that read free of a data race.
+  mutable std::mutex m_ruleIdMutex;
+  orn::types::string16_t m_ruleId;  // guarded by m_ruleIdMutex
 };
 
 }  // namespace pax::fim

@@ -171,7 +171,7 @@ result_t SnapshotBuilder::GetFileHash(const NativePath& path, const struct stat&
 result_t SnapshotBuilder::GetAcl(const NativePath& path, orn::types::blob_t& acl) const {
   orn::ITracer* const tracer = m_context.tracer;
   ORN_TRACE(tracer, orn::kTraceLevelDetail) << kOdfimPrefix << __PRETTY_FUNCTION__;
-  const ssize_t size = ::lgetxattr(path.c_str(), kAclAttribute, nullptr, 0);
+  const ssize_t size = pax::tools::LGetXattr(path, kAclAttribute, nullptr, 0);
   if (size == -1) {
     const int err = errno;
     // No ACL, no ACL support, or one too large to be an access ACL: all
@@ -182,7 +182,7 @@ result_t SnapshotBuilder::GetAcl(const NativePath& path, orn::types::blob_t& acl
     return orn::errors::kUnspecified;
   }
   acl.resize(static_cast<std::size_t>(size));
-  const ssize_t buflen = ::lgetxattr(path.c_str(), kAclAttribute, acl.data(), acl.size());
+  const ssize_t buflen = pax::tools::LGetXattr(path, kAclAttribute, acl.data(), acl.size());
   const int err = errno;
   if (!ORN_CHECK_BOOL(tracer, buflen != -1, "Cannot get acl attributes: " << ErrnoText(err)))
     return orn::errors::kUnspecified;
