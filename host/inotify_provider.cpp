@@ -5,6 +5,7 @@
 #include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -56,6 +57,7 @@ class DeliveryCore {
 
  private:
   bool WaitForRecords();
+  std::size_t QueuedBytes() const;
   void Deliver(const std::vector<InotifyDelivery>& deliveries);
 
   const orn::RefPtr<orn::ITracer> m_tracer;
@@ -124,9 +126,17 @@ void DeliveryCore::Run() {
     {
       std::lock_guard lock(m_mutex);
       for (const RawInotifyEvent& record : records) m_tree.Translate(record, deliveries);
+      if (m_reader.Pending() == 0 && QueuedBytes() == 0) m_tree.ForgetCatchUp();
     }
     Deliver(deliveries);
   }
+}
+
+// Bytes of records the kernel holds for the next read (0 on error).
+std::size_t DeliveryCore::QueuedBytes() const {
+  int queued = 0;
+  if (::ioctl(m_inotify.Get(), FIONREAD, &queued) != 0 || queued < 0) return 0;
+  return static_cast<std::size_t>(queued);
 }
 
 // Blocks until records arrive, a held-back move is due, or a stop is asked

@@ -390,11 +390,14 @@ void InotifyWatchTree::HandleOnNode(Node* node, const RawInotifyEvent& raw, std:
   const bool isDirectory = raw.mask & IN_ISDIR;
   std::string path = JoinPath(PathOf(node), raw.name);
   if (raw.mask & (IN_CREATE | IN_MOVED_TO)) {
+    // Already reported, and watched if a directory, by a catch-up walk.
+    if (sub.caughtUp.erase(path) != 0) return;
     // A move into the tree is a creation as far as the tree can tell.
     const std::uint32_t bits = (raw.mask & IN_CREATE) ? IN_CREATE : IN_MOVED_TO | IN_CREATE;
     Emit(sub, mod::kObjectCreated, bits, std::move(path), {}, isDirectory, first, out);
     if (isDirectory) WatchNew(node, raw.name, bits, first, out);
   } else if (raw.mask & (IN_DELETE | IN_MOVED_FROM)) {
+    sub.caughtUp.erase(path);  // a later creation under this name is a new one
     const std::uint32_t bits = (raw.mask & IN_DELETE) ? IN_DELETE : IN_MOVED_FROM | IN_DELETE;
     Emit(sub, mod::kObjectDeleted, bits, std::move(path), {}, isDirectory, first, out);
     if (isDirectory) RemoveChild(node, raw.name);
@@ -498,9 +501,14 @@ void InotifyWatchTree::WatchNew(Node* parent, const std::string& name, std::uint
     NoteSkipped(err, path);
   }
   for (Found& entry : found) {
+    sub.caughtUp.insert(entry.path);
     Emit(sub, mod::kObjectCreated, creationBits, std::move(entry.path), {}, entry.isDirectory,
          first, out);
   }
+}
+
+void InotifyWatchTree::ForgetCatchUp() {
+  for (auto& [id, sub] : m_subs) sub->caughtUp.clear();
 }
 
 void InotifyWatchTree::Relink(Node* from, const std::string& fromName, Node* to,

@@ -20,6 +20,7 @@
 #include <memory>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "host/inotify_event_reader.h"
@@ -90,6 +91,11 @@ class InotifyWatchTree {
   // Distinct kernel watches held.
   std::size_t WatchCount() const { return m_byWd.size(); }
 
+  // Called when every record queued so far has been translated (the kernel
+  // queue is empty and nothing is held back): from then on no record can
+  // repeat an entry that a catch-up walk of a new directory reported.
+  void ForgetCatchUp();
+
  private:
   struct Subscription;
   struct Node {
@@ -107,6 +113,10 @@ class InotifyWatchTree {
     std::string root;
     std::uint32_t mask = 0;
     std::unique_ptr<Node> top;  // null once the root is gone
+    // Paths a catch-up walk reported as created whose own creation record
+    // may still be queued (the entry appeared after the watch was added but
+    // before the walk read it). Such a record is dropped, not reported twice.
+    std::unordered_set<std::string> caughtUp;
   };
   struct Found {
     std::string path;

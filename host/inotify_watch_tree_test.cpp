@@ -1,8 +1,10 @@
 #include "host/inotify_watch_tree.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <map>
 #include <utility>
@@ -100,6 +102,37 @@ TEST_F(InotifyWatchTreeTest, RunningOutOfWatchesInANewDirectoryIsReported) {
   EXPECT_EQ(out[0].event.path, dir / "new");
   EXPECT_NE(out[1].event.error.find("watch limit reached"), std::string::npos);
   EXPECT_GE(registrar.WdOf(dir / "new"), 0);  // what fitted stays watched
+}
+
+TEST_F(InotifyWatchTreeTest, ACatchUpEntryIsReportedOnceUntilTheQueueIsDrained) {
+  ASSERT_EQ(tree.Subscribe(first.Get(), dir.Path(), IN_CREATE | IN_DELETE, nullptr), 0);
+  ASSERT_EQ(::mkdir((dir / "new").c_str(), 0755), 0);
+  ASSERT_EQ(::close(::creat((dir / "new/f").c_str(), 0644)), 0);
+  auto record = [&](const std::string& parent, std::uint32_t mask, const char* name) {
+    RawInotifyEvent r;
+    r.wd = registrar.WdOf(parent);
+    r.mask = mask;
+    r.name = name;
+    std::vector<InotifyDelivery> out;
+    tree.Translate(r, out);
+    return out;
+  };
+  // The directory's record starts a catch-up walk that finds the file...
+  const auto created = record(dir.Path(), IN_CREATE | IN_ISDIR, "new");
+  ASSERT_EQ(created.size(), 2u);
+  EXPECT_EQ(created[1].event.path, dir / "new/f");
+  // ...so the file's own record, queued meanwhile, repeats nothing.
+  EXPECT_TRUE(record(dir / "new", IN_CREATE, "f").empty());
+  // A deletion and a new creation under the same name are real changes.
+  EXPECT_EQ(record(dir / "new", IN_DELETE, "f").size(), 1u);
+  EXPECT_EQ(record(dir / "new", IN_CREATE, "f").size(), 1u);
+  // Once the queue has been drained, catch-up entries are forgotten.
+  ASSERT_EQ(::close(::creat((dir / "new/g").c_str(), 0644)), 0);
+  ASSERT_EQ(::mkdir((dir / "other").c_str(), 0755), 0);
+  ASSERT_EQ(::close(::creat((dir / "other/g").c_str(), 0644)), 0);
+  EXPECT_EQ(record(dir.Path(), IN_CREATE | IN_ISDIR, "other").size(), 2u);
+  tree.ForgetCatchUp();
+  EXPECT_EQ(record(dir / "other", IN_CREATE, "g").size(), 1u);
 }
 
 }  // namespace

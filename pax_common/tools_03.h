@@ -38,8 +38,7 @@ orn::result_t StatFs(const NativePath& path, struct statfs& fs) noexcept;
 // lgetxattr for a path of any length: 0 or more bytes as lgetxattr
 // returns them, or -1 with errno set. Long paths go through the walk's
 // directory descriptor in /proc/self/fd.
-ssize_t LGetXattr(const NativePath& path, const char* name, void* value,
-                  std::size_t size) noexcept;
+ssize_t LGetXattr(const NativePath& path, const char* name, void* value, std::size_t size) noexcept;
 
 // True for the magic numbers of proc (0x9FA0), sysfs (0x62656572) and
 // usbdevfs (0x9FA2): pseudo file systems whose files are not recorded.
