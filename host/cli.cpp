@@ -225,7 +225,7 @@ Commands:
                          one on-demand run; exit 0 no change, 1 changes found,
                          2 run failed, 3 interrupted
       --config, --exclude, --format, --output as for watch
-      --hash | --no-hash record content hashes (overrides the configuration)
+      --hash | --no-hash record content hashes or not (default: on, or as configured)
       --auto-update      fold each run into the baseline
       --report-atime     report access-time changes
   daemon [OPTIONS] [PATH...]

@@ -36,6 +36,10 @@ namespace arvo::host {
 inline constexpr char16_t kDefaultTaskName[] = u"System_Integrity_Monitoring";
 
 struct MonitorConfig {
+  // Content hashing is on unless the configuration or --no-hash turns it
+  // off: without it a rewrite that keeps the size reads as a mere
+  // attribute change.
+  MonitorConfig() { settings.computeContentHash = true; }
   // Both monitors' settings; the on-access monitor uses its OAFIMSettings part.
   pax::settings::ODFIMSettings settings;
   pax::core::TaskId taskId = 1;

@@ -88,7 +88,7 @@ TEST(ConfigTest, DefaultsWhenKeysAreAbsent) {
   EXPECT_EQ(c.taskId, 1u);
   EXPECT_EQ(c.taskName, u"System_Integrity_Monitoring");
   EXPECT_EQ(c.settings.excludeMode, 1u);
-  EXPECT_FALSE(c.settings.computeContentHash);
+  EXPECT_TRUE(c.settings.computeContentHash);  // hashing is on unless turned off
 }
 
 TEST(ConfigTest, ErrorsNameFileLineAndKey) {

@@ -14,24 +14,6 @@ namespace {
 
 constexpr char kHex[] = "0123456789abcdef";
 
-void AppendUtf8(std::string& out, std::uint32_t cp) {
-  if (cp < 0x80) {
-    out.push_back(static_cast<char>(cp));
-  } else if (cp < 0x800) {
-    out.push_back(static_cast<char>(0xC0 | (cp >> 6)));
-    out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
-  } else if (cp < 0x10000) {
-    out.push_back(static_cast<char>(0xE0 | (cp >> 12)));
-    out.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
-    out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
-  } else {
-    out.push_back(static_cast<char>(0xF0 | (cp >> 18)));
-    out.push_back(static_cast<char>(0x80 | ((cp >> 12) & 0x3F)));
-    out.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
-    out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
-  }
-}
-
 void AppendEscape(std::string& out, char kind, std::uint32_t value, int digits) {
   out.push_back('\\');
   out.push_back(kind);
@@ -39,26 +21,9 @@ void AppendEscape(std::string& out, char kind, std::uint32_t value, int digits) 
     out.push_back(kHex[(value >> shift) & 0xF]);
 }
 
-// Walks UTF-16 text, joining surrogate pairs. `visit(cp, lone)` gets each
-// code point; `lone` is true for an unpaired surrogate.
-template <class Visit>
-void ForEachCodePoint(const orn::types::string16_t& text, Visit&& visit) {
-  const std::size_t n = text.size();
-  for (std::size_t i = 0; i < n; ++i) {
-    const std::uint32_t unit = text[i];
-    if (unit >= 0xD800 && unit <= 0xDBFF && i + 1 < n && text[i + 1] >= 0xDC00 &&
-        text[i + 1] <= 0xDFFF) {
-      visit(0x10000 + ((unit - 0xD800) << 10) + (text[i + 1] - 0xDC00u), false);
-      ++i;
-    } else {
-      visit(unit, unit >= 0xD800 && unit <= 0xDFFF);
-    }
-  }
-}
-
 // Printable form for the text output: \xNN for raw bytes and controls.
 void AppendDisplay(std::string& out, const orn::types::string16_t& text) {
-  ForEachCodePoint(text, [&](std::uint32_t cp, bool lone) {
+  orn::text::ForEachCodePoint(text, [&](std::uint32_t cp, bool lone) {
     if (lone && cp >= 0xDC80 && cp <= 0xDCFF) {
       AppendEscape(out, 'x', cp - 0xDC00, 2);
     } else if (lone) {
@@ -68,7 +33,7 @@ void AppendDisplay(std::string& out, const orn::types::string16_t& text) {
     } else if (cp == '\\') {
       out += "\\\\";
     } else {
-      AppendUtf8(out, cp);
+      orn::text::AppendUtf8(out, cp);
     }
   });
 }
@@ -173,7 +138,7 @@ std::string DigestHex(const pax::Sha256Digest& digest) {
 
 void AppendJsonString(std::string& out, const orn::types::string16_t& text) {
   out.push_back('"');
-  ForEachCodePoint(text, [&](std::uint32_t cp, bool lone) {
+  orn::text::ForEachCodePoint(text, [&](std::uint32_t cp, bool lone) {
     switch (cp) {
       case '"':
         out += "\\\"";
@@ -202,7 +167,7 @@ void AppendJsonString(std::string& out, const orn::types::string16_t& text) {
     if (lone || cp < 0x20 || cp == 0x7F) {
       AppendEscape(out, 'u', cp, 4);
     } else {
-      AppendUtf8(out, cp);
+      orn::text::AppendUtf8(out, cp);
     }
   });
   out.push_back('"');

@@ -2,44 +2,16 @@
 
 #include <cstdint>
 
+#include "orn/text.h"
+
 namespace arvo::host {
 namespace {
 
 constexpr std::size_t npos = std::string_view::npos;
 
-struct Char {
-  std::uint32_t cp;
-  std::size_t len;
-};
+using Char = orn::text::DecodedChar;
 
-// One character at s[i] (i < s.size()): a valid shortest-form UTF-8
-// sequence, or a single byte mapped as orn/text.h maps it.
-Char DecodeAt(std::string_view s, std::size_t i) {
-  const auto c = static_cast<unsigned char>(s[i]);
-  std::uint32_t cp = 0;
-  std::size_t len = 0;
-  if (c < 0x80) return {c, 1};
-  if (c >= 0xC2 && c <= 0xDF) {
-    cp = c & 0x1Fu;
-    len = 2;
-  } else if (c >= 0xE0 && c <= 0xEF) {
-    cp = c & 0x0Fu;
-    len = 3;
-  } else if (c >= 0xF0 && c <= 0xF4) {
-    cp = c & 0x07u;
-    len = 4;
-  }
-  bool ok = len != 0 && i + len <= s.size();
-  for (std::size_t k = 1; ok && k < len; ++k) {
-    const auto b = static_cast<unsigned char>(s[i + k]);
-    if ((b & 0xC0) != 0x80) ok = false;
-    cp = (cp << 6) | (b & 0x3Fu);
-  }
-  if (ok && len == 3 && (cp < 0x800 || (cp >= 0xD800 && cp <= 0xDFFF))) ok = false;
-  if (ok && len == 4 && (cp < 0x10000 || cp > 0x10FFFF)) ok = false;
-  if (!ok) return {0xDC00u + c, 1};
-  return {cp, len};
-}
+inline Char DecodeAt(std::string_view s, std::size_t i) { return orn::text::DecodeUtf8At(s, i); }
 
 bool InClass(std::string_view name, std::uint32_t cp) {
   if (cp >= 0x80) return false;

@@ -6,6 +6,11 @@
 #include <stdlib.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+
+#include <atomic>
+#include <fstream>
+#include <iterator>
 #include <unistd.h>
 
 #include <algorithm>
@@ -68,6 +73,20 @@ class WaitingStopSink final
 
 // Holds the walk inside its first Match until released, and notes the
 // name of the thread the walk runs on.
+// Waits until thread `tid` of this process is blocked (state S or D).
+void WaitUntilAsleep(pid_t tid) {
+  const std::string statFile = "/proc/self/task/" + std::to_string(tid) + "/stat";
+  while (true) {
+    std::ifstream in(statFile);
+    std::string stat((std::istreambuf_iterator<char>(in)), {});
+    const std::size_t close = stat.rfind(')');
+    if (close != std::string::npos && close + 2 < stat.size() &&
+        (stat[close + 2] == 'S' || stat[close + 2] == 'D'))
+      return;
+    std::this_thread::yield();
+  }
+}
+
 struct WalkGate {
   std::mutex mutex;
   std::condition_variable changed;
@@ -345,8 +364,16 @@ TEST_F(OnDemandModuleTest, StopDuringAWalkReportsInterruptedAndKeepsNothing) {
   auto sink = orn::MakeSimple<WaitingStopSink>();
   ASSERT_EQ(task->Start(42, sink.Get()), 0);
   gate.WaitEntered();
-  std::thread stopper([&] { EXPECT_EQ(task->Stop(), 0); });
+  std::atomic<pid_t> stopperTid{0};
+  std::thread stopper([&] {
+    stopperTid = static_cast<pid_t>(::syscall(SYS_gettid));
+    EXPECT_EQ(task->Stop(), 0);
+  });
   host.tracer->WaitFor("OnDemandIntegrityMonitorTask::Stop()");
+  // After its entry line Stop raises the stop flag and then waits for the
+  // task lock, which the gated run holds: once the stopper sleeps, the flag
+  // is up and the walk must end at its next entry.
+  WaitUntilAsleep(stopperTid.load());
   gate.Release();
   stopper.join();  // Stop returns once the run has ended
   EXPECT_EQ(R(sink->Wait()), Report(1, u"Task is interrupted"));
@@ -370,8 +397,13 @@ TEST_F(OnDemandModuleTest, PauseResumeAndTheRefusalsOfEachState) {
   EXPECT_EQ(task->Stop(), orn::errors::kInvalidState);
   ASSERT_EQ(task->Start(42, sink.Get()), 0);
   gate.WaitEntered();
-  std::thread pauser([&] { EXPECT_EQ(task->Pause(), 0); });
+  std::atomic<pid_t> pauserTid{0};
+  std::thread pauser([&] {
+    pauserTid = static_cast<pid_t>(::syscall(SYS_gettid));
+    EXPECT_EQ(task->Pause(), 0);
+  });
   host.tracer->WaitFor("Request pause and wait");
+  WaitUntilAsleep(pauserTid.load());  // the pause is requested: the walk parks at its next entry
   gate.Release();
   pauser.join();  // the worker has parked
   EXPECT_TRUE(host.tracer->Contains("odfim\tThread suspended"));
