@@ -54,8 +54,8 @@ orn::result_t WalkToTail(const NativePath& path, WalkDir& dir, std::string& tail
     dir.Replace(fd);
     pos += cut + 1;
   }
-  tail.assign(path, pos, std::string::npos);
-  if (tail.empty()) tail = ".";  // the path ended with the last '/' cut
+  // "." when the path ended with the last '/' cut.
+  tail = pos < path.size() ? path.substr(pos) : std::string(".");
   return orn::errors::kOk;
 }
 
@@ -122,7 +122,8 @@ ssize_t LGetXattr(const NativePath& path, const char* name, void* value,
       errno = err != 0 ? err : ENOENT;
       return -1;
     }
-    const std::string viaProc = "/proc/self/fd/" + std::to_string(dir.Get()) + "/" + tail;
+    std::string viaProc = "/proc/self/fd/";
+    viaProc.append(std::to_string(dir.Get())).append(1, '/').append(tail);
     return ::lgetxattr(viaProc.c_str(), name, value, size);
   } catch (const std::bad_alloc&) {
     errno = ENOMEM;

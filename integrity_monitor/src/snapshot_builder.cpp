@@ -204,6 +204,13 @@ result_t SnapshotBuilder::SaveFileSnapshot(std::uint64_t scanScopeId, FileSnapsh
 result_t SnapshotBuilder::GetHardlinks(std::uint64_t scanScopeId, FileSnapshot& snap) {
   snap.paths.push_back(0);
   if (FileTypeFromMode(snap.attr) == object_type::kDirectory) return orn::errors::kOk;
+  // An object with a single link has no other path to merge: a stored row of
+  // it could only come from this same walk if it was renamed while being
+  // walked, and Insert then replaces that row as REPLACE would.
+  if (snap.nlinks <= 1) {
+    m_absent = RowKey{true, m_context.buildingBaseline, scanScopeId, snap.ino, snap.dev};
+    return orn::errors::kOk;
+  }
 
   sqlite3_stmt* stmt = nullptr;
   const int rc = m_db.Prepared(StatementFor(kSelectPathsBound, m_context.buildingBaseline), stmt);
@@ -226,12 +233,29 @@ result_t SnapshotBuilder::GetHardlinks(std::uint64_t scanScopeId, FileSnapshot& 
 }
 
 result_t SnapshotBuilder::Insert(std::uint64_t scanScopeId, const FileSnapshot& snap) {
-  sqlite3_stmt* stmt = nullptr;
   const RowKey key{true, m_context.buildingBaseline, scanScopeId, snap.ino, snap.dev};
   const bool absent = m_absent == key;
   m_absent = RowKey{};
-  const int rc = m_db.Prepared(
-      StatementFor(absent ? kInsertBound : kReplaceBound, m_context.buildingBaseline), stmt);
+  // A row known to be absent takes the cheaper INSERT; should one exist
+  // after all, the write falls back to REPLACE.
+  int step = SQLITE_CONSTRAINT;
+  if (absent) {
+    const result_t r = WriteRow(kInsertBound, scanScopeId, snap, step);
+    if (ORN_FAILED(r)) return r;
+  }
+  if (step == SQLITE_CONSTRAINT) {
+    const result_t r = WriteRow(kReplaceBound, scanScopeId, snap, step);
+    if (ORN_FAILED(r)) return r;
+  }
+  // Otherwise not examined: a row that failed to be written reads as a
+  // deleted object.
+  return orn::errors::kOk;
+}
+
+result_t SnapshotBuilder::WriteRow(const char* bound, std::uint64_t scanScopeId,
+                                   const FileSnapshot& snap, int& step) {
+  sqlite3_stmt* stmt = nullptr;
+  const int rc = m_db.Prepared(StatementFor(bound, m_context.buildingBaseline), stmt);
   if (!ORN_CHECK_BOOL(m_context.tracer, rc == 0, "")) return orn::errors::kUnspecified;
   StatementUse use(stmt);
   const std::int64_t values[] = {static_cast<std::int64_t>(scanScopeId),
@@ -256,8 +280,7 @@ result_t SnapshotBuilder::Insert(std::uint64_t scanScopeId, const FileSnapshot& 
   else
     BindBlob(stmt, kShaParam, snap.sha256.data(), snap.sha256.size());
   BindBlob(stmt, kAclParam, snap.acl.data(), snap.acl.size());
-  // Not examined: a row that failed to be written reads as a deleted object.
-  (void)::sqlite3_step(stmt);
+  step = ::sqlite3_step(stmt);
   return orn::errors::kOk;
 }
 

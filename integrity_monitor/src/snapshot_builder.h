@@ -54,8 +54,13 @@ class SnapshotBuilder {
   [[nodiscard]] result_t Insert(std::uint64_t scanScopeId, const FileSnapshot& snap);
 
  private:
-  // A row the last GetHardlinks found absent: Insert may then add it
-  // without REPLACE's conflict handling (same result, less work).
+  // Binds `snap` to the prepared form of `bound` and steps it once; `step`
+  // receives SQLite's answer.
+  [[nodiscard]] result_t WriteRow(const char* bound, std::uint64_t scanScopeId,
+                                  const FileSnapshot& snap, int& step);
+
+  // A row the last GetHardlinks found (or knew to be) absent: Insert may then
+  // add it without REPLACE's conflict handling (same result, less work).
   struct RowKey {
     bool valid = false;
     bool baseline = false;

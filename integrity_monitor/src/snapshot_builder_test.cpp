@@ -72,6 +72,17 @@ TEST_F(SnapshotBuilderTest, HardLinksMergeIntoOneRowNewestFirst) {
   EXPECT_EQ(Rows(kCurrentSnapshotTable)[0].paths, area / "first" + '\0');
 }
 
+TEST_F(SnapshotBuilderTest, ASingleLinkFileSeenTwiceKeepsItsLastVisit) {
+  // Renamed while the walk runs: seen under both names, one link each time.
+  WriteFile(area / "before", "data");
+  EXPECT_EQ(builder.BuildSnapshot(area / "before", scope), 0);
+  ASSERT_EQ(::rename((area / "before").c_str(), (area / "after").c_str()), 0);
+  EXPECT_EQ(builder.BuildSnapshot(area / "after", scope), 0);
+  const auto rows = Rows(kBaselineTable);
+  ASSERT_EQ(rows.size(), 1u);
+  EXPECT_EQ(rows[0].paths, area / "after" + '\0');
+}
+
 TEST_F(SnapshotBuilderTest, OnlyNonEmptyRegularFilesAreHashedWhenHashingIsOn) {
   settings.computeContentHash = true;
   ASSERT_EQ(::mkdir((area / "dir").c_str(), 0755), 0);

@@ -8,10 +8,10 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 
+#include <unistd.h>
 #include <atomic>
 #include <fstream>
 #include <iterator>
-#include <unistd.h>
 
 #include <algorithm>
 #include <condition_variable>
