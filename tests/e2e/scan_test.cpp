@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <cstdio>
+#include <ostream>
 
 #include "pax/enumerations.h"
 #include "tests/e2e/e2e_util.h"
@@ -68,6 +69,9 @@ struct ChangeCase {
   const char* path;          // relative to the area
   const char* originalPath;  // relative to the area, or null
 };
+
+// Shown by the test runner instead of the case's raw bytes.
+void PrintTo(const ChangeCase& c, std::ostream* os) { *os << c.name; }
 
 class ScanChangeTest : public ScanTest, public ::testing::WithParamInterface<ChangeCase> {};
 
