@@ -1,5 +1,7 @@
 #include "host/commands_common.h"
 
+#include "host/private_directory.h"
+
 #include <cstdio>
 
 namespace arvo::host {
@@ -26,6 +28,13 @@ bool BuildMonitorConfig(const CommandLine& line, MonitorConfig& config, std::str
 
 bool LoadModule(const CommandLine& line, ModuleLoader& module, std::string& error) {
   return module.Load(ResolveModulePath(line.modulePath), error);
+}
+
+bool PrepareMonitorCommand(const CommandLine& line, bool onDemand, MonitorConfig& config,
+                           ModuleLoader& module, std::string& error) {
+  return BuildMonitorConfig(line, config, error) &&
+         (!onDemand || EnsureParentDirectory(DatabaseFile(), error)) &&
+         LoadModule(line, module, error);
 }
 
 RuntimeSetup MonitorSetup(const CommandLine& line, const MonitorConfig& config) {

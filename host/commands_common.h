@@ -26,6 +26,11 @@ bool BuildMonitorConfig(const CommandLine& line, MonitorConfig& config, std::str
 // Loads the module named by the command line (see ResolveModulePath).
 bool LoadModule(const CommandLine& line, ModuleLoader& module, std::string& error);
 
+// The steps every monitor command starts with: the configuration, the
+// database's directory (created when missing) when `onDemand`, the module.
+bool PrepareMonitorCommand(const CommandLine& line, bool onDemand, MonitorConfig& config,
+                           ModuleLoader& module, std::string& error);
+
 // The runtime setup for a monitor command.
 RuntimeSetup MonitorSetup(const CommandLine& line, const MonitorConfig& config);
 

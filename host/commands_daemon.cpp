@@ -6,7 +6,6 @@
 #include "host/commands_common.h"
 #include "host/on_access_session.h"
 #include "host/on_demand_run.h"
-#include "host/private_directory.h"
 #include "host/signal_watch.h"
 
 namespace arvo::host {
@@ -16,11 +15,8 @@ int RunDaemonCommand(const CommandLine& line) {
   if (!signals.Valid()) return Fail("cannot watch for signals");
   MonitorConfig config;
   std::string error;
-  if (!BuildMonitorConfig(line, config, error)) return Fail(error);
-  if (!EnsureParentDirectory(DatabaseFile(), error)) return Fail(error);
-
   ModuleLoader module;
-  if (!LoadModule(line, module, error)) return Fail(error);
+  if (!PrepareMonitorCommand(line, true, config, module, error)) return Fail(error);
   RuntimeSetup setup = MonitorSetup(line, config);
   setup.onAccess = true;
   setup.onDemand = true;

@@ -7,7 +7,6 @@
 
 #include "host/commands_common.h"
 #include "host/on_demand_run.h"
-#include "host/private_directory.h"
 #include "host/scan_progress.h"
 #include "host/signal_watch.h"
 
@@ -28,11 +27,8 @@ int RunScanCommand(const CommandLine& line) {
   if (!signals.Valid()) return Fail("cannot watch for signals");
   MonitorConfig config;
   std::string error;
-  if (!BuildMonitorConfig(line, config, error)) return Fail(error);
-  if (!EnsureParentDirectory(DatabaseFile(), error)) return Fail(error);
-
   ModuleLoader module;
-  if (!LoadModule(line, module, error)) return Fail(error);
+  if (!PrepareMonitorCommand(line, true, config, module, error)) return Fail(error);
   const bool showProgress = ::isatty(STDERR_FILENO);
   RuntimeSetup setup = MonitorSetup(line, config);
   setup.onDemand = true;

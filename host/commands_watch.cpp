@@ -14,10 +14,8 @@ int RunWatchCommand(const CommandLine& line) {
   if (!signals.Valid()) return Fail("cannot watch for signals");
   MonitorConfig config;
   std::string error;
-  if (!BuildMonitorConfig(line, config, error)) return Fail(error);
-
   ModuleLoader module;
-  if (!LoadModule(line, module, error)) return Fail(error);
+  if (!PrepareMonitorCommand(line, false, config, module, error)) return Fail(error);
   RuntimeSetup setup = MonitorSetup(line, config);
   setup.onAccess = true;
   const std::unique_ptr<HostRuntime> runtime = HostRuntime::Create(module, setup, error);
