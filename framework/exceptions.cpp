@@ -2,12 +2,16 @@
 
 #include <cxxabi.h>
 
+#include <any>
 #include <cstdlib>
+#include <functional>
 #include <memory>
 #include <new>
+#include <optional>
 #include <stdexcept>
 #include <system_error>
 #include <typeinfo>
+#include <variant>
 
 #include "framework/trace.h"
 
@@ -60,7 +64,17 @@ result_t FromSystemError(const std::system_error& e) {
   return errors::kInvalidState;
 }
 
-// The result of one exception (not looking into nested ones).
+// The result of one exception (not looking into nested ones). The
+// standard library's exceptions map by type onto the seven general codes
+// the conversion may yield (the pairing is ours): a failed allocation is out of
+// memory; a length past a limit, a buffer too small; a refused permission,
+// access denied; a value of the wrong kind or outside its domain (bad
+// casts and type ids included), an invalid argument; a busy resource,
+// locked; a full device, out of space; everything else the library throws
+// (an empty optional, variant, function or weak pointer, a logic or runtime
+// error, a plain std::exception), an invalid state. Any other exception,
+// the framework's own orn::exception without a result among them, is
+// unknown.
 result_t ResultOf(const std::exception_ptr& e) {
   try {
     std::rethrow_exception(e);
@@ -70,6 +84,8 @@ result_t ResultOf(const std::exception_ptr& e) {
     return ORN_FAILED(ex.Result()) ? ex.Result() : errors::kExceptionSuccessResult;
   } catch (const GetInterfaceException& ex) {
     return ORN_FAILED(ex.Result()) ? ex.Result() : errors::kExceptionSuccessResult;
+  } catch (const orn::exception&) {
+    return errors::kUnknownException;
   } catch (const std::length_error&) {
     return errors::kBufferTooSmall;
   } catch (const std::invalid_argument&) {
@@ -84,6 +100,24 @@ result_t ResultOf(const std::exception_ptr& e) {
     return errors::kInvalidState;
   } catch (const std::runtime_error&) {
     return errors::kInvalidState;
+  } catch (const std::bad_cast&) {  // std::bad_any_cast too
+    return errors::kInvalidArgument;
+  } catch (const std::bad_typeid&) {
+    return errors::kInvalidArgument;
+  } catch (const std::bad_optional_access&) {
+    return errors::kInvalidState;
+  } catch (const std::bad_variant_access&) {
+    return errors::kInvalidState;
+  } catch (const std::bad_function_call&) {
+    return errors::kInvalidState;
+  } catch (const std::bad_weak_ptr&) {
+    return errors::kInvalidState;
+  } catch (const std::bad_exception&) {
+    return errors::kInvalidState;
+  } catch (const std::exception& ex) {
+    // Only the plain class itself: a type derived from it outside the
+    // standard library is not a standard-library exception.
+    return typeid(ex) == typeid(std::exception) ? errors::kInvalidState : errors::kUnknownException;
   } catch (...) {
     return errors::kUnknownException;
   }
@@ -97,15 +131,20 @@ void Exception::Describe(std::string& out) const {
   DescribeParts(out, m_message, m_file, m_line, typeid(*this), props);
 }
 
+// "orn.result" always; for a platform code (facility 1) also "os.result",
+// the operating system's error number behind it, and "os.module_result",
+// the platform result the module made of it.
 void ResultCodeException::CollectProperties(PropertyBag& props) const {
   props.emplace_back("orn.result", ResultToTraceText(m_result));
+  if (Facility(m_result) == 1 && ORN_FAILED(m_result)) {
+    props.emplace_back("os.result", std::to_string(PlatformError()));
+    props.emplace_back("os.module_result", Hex(static_cast<std::uint32_t>(m_result)));
+  }
 }
 
-void SystemException::CollectProperties(PropertyBag& props) const {
-  ResultCodeException::CollectProperties(props);
-  props.emplace_back("os.result", std::to_string(m_errno));
-  props.emplace_back("os.module_result", Hex(static_cast<std::uint32_t>(Result())));
-}
+int ResultCodeException::PlatformError() const { return ErrnoFromResult(m_result); }
+
+int SystemException::PlatformError() const { return m_errno; }
 
 GetInterfaceException::GetInterfaceException(iid_t iid, service_key_t key, result_t result)
     : m_iid(iid), m_key(key), m_result(result) {

@@ -71,7 +71,10 @@ class ResultCodeException : public ExceptionBase<ResultCodeException, Exception>
   result_t Result() const { return m_result; }
 
  protected:
+  // "orn.result", and for a platform code "os.result" and "os.module_result".
   void CollectProperties(PropertyBag& props) const override;
+  // The operating system's error number of a platform code (0 when unknown).
+  virtual int PlatformError() const;
 
  private:
   result_t m_result;
@@ -85,7 +88,9 @@ class SystemException : public ExceptionBase<SystemException, ResultCodeExceptio
   int Errno() const { return m_errno; }
 
  protected:
-  void CollectProperties(PropertyBag& props) const override;
+  // The error number kept beside the result ("os.result" of a platform
+  // code; a general code, such as ENOMEM's, carries "orn.result" only).
+  int PlatformError() const override;
 
  private:
   int m_errno;

@@ -2,8 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include <any>
+#include <functional>
+#include <memory>
+#include <optional>
 #include <stdexcept>
 #include <system_error>
+#include <typeinfo>
+#include <variant>
 
 #include "tests/fake_host.h"
 
@@ -42,8 +48,30 @@ TEST(Exceptions, DescribeCarriesMessageLocationTypeAndProperties) {
 
   std::string sys;
   orn::SystemException("f.cpp", 7, ENOENT).Describe(sys);
+  EXPECT_NE(sys.find("orn.result = 0x80010102 (File not found)"), std::string::npos);
   EXPECT_NE(sys.find("os.result = 2"), std::string::npos);
-  EXPECT_NE(sys.find("os.module_result"), std::string::npos);
+  EXPECT_NE(sys.find("os.module_result = 0x80010102"), std::string::npos);
+}
+
+TEST(Exceptions, PlatformPropertiesGoWithAPlatformCodeOnly) {
+  // A result exception holding a platform code carries both platform
+  // properties.
+  std::string platform;
+  orn::ResultCodeException("f.cpp", 3, orn::errors::kFileNotFound).Describe(platform);
+  EXPECT_NE(platform.find("orn.result = 0x80010102 (File not found)"), std::string::npos);
+  EXPECT_NE(platform.find("os.result = 2"), std::string::npos);
+  EXPECT_NE(platform.find("os.module_result = 0x80010102"), std::string::npos);
+
+  // A system exception whose errno became a general code carries none.
+  std::string general;
+  orn::SystemException("f.cpp", 4, ENOMEM).Describe(general);
+  EXPECT_NE(general.find("orn.result = 0x80000041 (Out of memory)"), std::string::npos);
+  EXPECT_EQ(general.find("os.result"), std::string::npos);
+  EXPECT_EQ(general.find("os.module_result"), std::string::npos);
+
+  std::string plain;
+  orn::ResultCodeException("f.cpp", 5, orn::errors::kLocked).Describe(plain);
+  EXPECT_EQ(plain.find("os."), std::string::npos);
 }
 
 TEST(Exceptions, GetInterfaceExceptionCarriesLookupProperties) {
@@ -71,6 +99,47 @@ TEST(ExceptionToResult, MapsEachFamily) {
   EXPECT_EQ(Convert([] { throw std::runtime_error("x"); }), orn::errors::kInvalidState);
   EXPECT_EQ(Convert([] { throw 42; }), orn::errors::kUnknownException);
   EXPECT_EQ(orn::ExceptionToResult(nullptr, "x"), orn::errors::kNoCurrentException);
+}
+
+// Every standard-library exception maps onto one of the seven general codes
+// the conversion may yield; only what the library does not throw is unknown.
+TEST(ExceptionToResult, EveryStandardExceptionMapsToAGeneralCode) {
+  struct Base {
+    virtual ~Base() = default;
+  };
+  struct Other : Base {};
+  EXPECT_EQ(Convert([] {
+              Base b;
+              (void)dynamic_cast<Other&>(b);
+            }),
+            orn::errors::kInvalidArgument);  // std::bad_cast
+  EXPECT_EQ(Convert([] {
+              Base* p = nullptr;
+              (void)typeid(*p);
+            }),
+            orn::errors::kInvalidArgument);  // std::bad_typeid
+  EXPECT_EQ(Convert([] { (void)std::any_cast<int>(std::any(1.0)); }),
+            orn::errors::kInvalidArgument);  // std::bad_any_cast
+  EXPECT_EQ(Convert([] { (void)std::optional<int>().value(); }), orn::errors::kInvalidState);
+  EXPECT_EQ(Convert([] { (void)std::get<int>(std::variant<int, double>(1.0)); }),
+            orn::errors::kInvalidState);
+  EXPECT_EQ(Convert([] { std::function<void()>()(); }), orn::errors::kInvalidState);
+  EXPECT_EQ(Convert([] { (void)std::shared_ptr<int>(std::weak_ptr<int>()); }),
+            orn::errors::kInvalidState);
+  EXPECT_EQ(Convert([] { throw std::bad_exception(); }), orn::errors::kInvalidState);
+  EXPECT_EQ(Convert([] { throw std::exception(); }), orn::errors::kInvalidState);
+  EXPECT_EQ(Convert([] { throw std::bad_array_new_length(); }), orn::errors::kOutOfMemory);
+  EXPECT_EQ(Convert([] { throw std::system_error(ENOSPC, std::generic_category()); }),
+            orn::errors::kOutOfSpace);
+  EXPECT_EQ(Convert([] { throw std::system_error(EBUSY, std::generic_category()); }),
+            orn::errors::kLocked);
+
+  // Not the standard library's: unknown.
+  struct Own : std::exception {};
+  EXPECT_EQ(Convert([] { throw Own(); }), orn::errors::kUnknownException);
+  EXPECT_EQ(Convert([] { throw orn::exception(); }), orn::errors::kUnknownException);
+  EXPECT_EQ(Convert([] { throw orn::Exception("f", 1, "no result"); }),
+            orn::errors::kUnknownException);
 }
 
 TEST(ExceptionToResult, TracesTheDescriptionWithThePrefix) {

@@ -6,39 +6,6 @@
 #include "orn/text.h"
 
 namespace orn {
-namespace {
-
-// Minimal tracer that keeps both defaults; its vtable tells which slots of
-// another tracer are still the defaults. Relies on the Itanium C++ ABI
-// (vtable pointer first, virtual functions in declaration order after the
-// three IObject slots), which both supported targets use.
-class DefaultTracerProbe final : public ITracer {
- public:
-  std::uint32_t AddRef() override { return 1; }
-  std::uint32_t Release() override { return 1; }
-  result_t QueryInterface(iid_t, void** out) override {
-    *out = nullptr;
-    return errors::kNoInterface;
-  }
-};
-
-constexpr std::size_t kOpenSlot = 3;
-constexpr std::size_t kCommitSlot = 4;
-
-const void* Slot(const ITracer* tracer, std::size_t slot) noexcept {
-  const void* const* vtable = *reinterpret_cast<const void* const* const*>(tracer);
-  return vtable[slot];
-}
-
-bool Overrides(ITracer* tracer, std::size_t slot) noexcept {
-  static const DefaultTracerProbe probe;
-  return tracer != nullptr && Slot(tracer, slot) != Slot(&probe, slot);
-}
-
-}  // namespace
-
-bool TracerCanOpen(ITracer* tracer) noexcept { return Overrides(tracer, kOpenSlot); }
-bool TracerCanCommit(ITracer* tracer) noexcept { return Overrides(tracer, kCommitSlot); }
 
 TraceBuf::TraceBuf(TraceRecord& record) noexcept : m_record(record) {}
 
@@ -88,8 +55,14 @@ TraceStream& TraceStream::operator<<(const char16_t* s) {
   return *this << types::string16_t(s);
 }
 
+// Every tracer is asked, whether or not it keeps the interface's default
+// operations: a default OpenRecord refuses (errors::kNotSupported), so the
+// line is not composed, and a default CommitRecord answers the same and is
+// ignored. Telling the defaults apart by their address would need the
+// host's copy of them, which the module cannot see: the host and the module
+// each compile their own.
 TraceLine::TraceLine(ITracer* tracer, std::uint32_t level) noexcept : m_tracer(tracer) {
-  if (!TracerCanOpen(tracer)) return;
+  if (tracer == nullptr) return;
   m_record.tracer = tracer;
   if (tracer->OpenRecord(level, &m_record, kTraceInitialCapacity) != 0) return;
   if (m_record.buffer == nullptr) return;
@@ -100,7 +73,7 @@ TraceLine::TraceLine(ITracer* tracer, std::uint32_t level) noexcept : m_tracer(t
 TraceLine::~TraceLine() {
   if (!m_open) return;
   if (m_stream) m_stream->~TraceStream();
-  if (TracerCanCommit(m_tracer)) (void)m_tracer->CommitRecord(m_record.buffer, m_record.length);
+  (void)m_tracer->CommitRecord(m_record.buffer, m_record.length);
 }
 
 TraceStream& TraceLine::Stream() {

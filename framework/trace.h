@@ -2,9 +2,9 @@
 //
 //   ORN_TRACE(tracer, orn::kTraceLevelDetail) << kPrefix << "Path: " << path;
 //
-// The level test costs one OpenRecord call: when the tracer is null, keeps
-// the default OpenRecord, refuses the level or lends no buffer, nothing after
-// the macro is evaluated. A line is committed when the statement ends.
+// The level test costs one OpenRecord call: when the tracer is null, refuses
+// the level (as the interface's default OpenRecord does) or lends no buffer,
+// nothing after the macro is evaluated. A line is committed when the statement ends.
 // Strings16 are written as narrow text (lossless, orn/text.h); a null
 // `const char*` is written as "(null)". The stream has the standard defaults
 // (decimal, fill blank, precision 6). Thread-safe as far as the tracer is;
@@ -22,12 +22,6 @@
 #include "orn/types.h"
 
 namespace orn {
-
-// True when `tracer` overrides OpenRecord (a tracer keeping the default is
-// treated as closed without being called).
-bool TracerCanOpen(ITracer* tracer) noexcept;
-// True when `tracer` overrides CommitRecord.
-bool TracerCanCommit(ITracer* tracer) noexcept;
 
 // std::streambuf over a lent record; grows it through the tracer with the
 // marker level. A refused growth drops the text composed so far and

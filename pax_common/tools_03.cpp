@@ -1,6 +1,8 @@
 #include "pax_common/tools_03.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -67,6 +69,57 @@ orn::result_t LStat(const NativePath& path, struct stat& st) noexcept {
     std::string tail;
     if (const orn::result_t r = WalkToTail(path, dir, tail); ORN_FAILED(r)) return r;
     if (::fstatat(dir.Get(), tail.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0)
+      return orn::ResultFromErrno(errno);
+    return orn::errors::kOk;
+  } catch (const std::bad_alloc&) {
+    return orn::errors::kOutOfMemory;
+  }
+}
+
+namespace {
+
+void FromStatx(const struct statx& sx, ObjectStatus& status) {
+  struct stat& st = status.st;
+  st = {};
+  st.st_dev = makedev(sx.stx_dev_major, sx.stx_dev_minor);
+  st.st_ino = static_cast<ino_t>(sx.stx_ino);
+  st.st_mode = sx.stx_mode;
+  st.st_nlink = static_cast<nlink_t>(sx.stx_nlink);
+  st.st_uid = sx.stx_uid;
+  st.st_gid = sx.stx_gid;
+  st.st_rdev = makedev(sx.stx_rdev_major, sx.stx_rdev_minor);
+  st.st_size = static_cast<off_t>(sx.stx_size);
+  st.st_blksize = static_cast<blksize_t>(sx.stx_blksize);
+  st.st_blocks = static_cast<blkcnt_t>(sx.stx_blocks);
+  st.st_atim = {sx.stx_atime.tv_sec, static_cast<long>(sx.stx_atime.tv_nsec)};
+  st.st_mtim = {sx.stx_mtime.tv_sec, static_cast<long>(sx.stx_mtime.tv_nsec)};
+  st.st_ctim = {sx.stx_ctime.tv_sec, static_cast<long>(sx.stx_ctime.tv_nsec)};
+  // A zero birth time is what some file systems report for "unknown".
+  status.hasBirthTime =
+      (sx.stx_mask & STATX_BTIME) != 0 && (sx.stx_btime.tv_sec != 0 || sx.stx_btime.tv_nsec != 0);
+  status.birthTime = status.hasBirthTime
+                         ? timespec{sx.stx_btime.tv_sec, static_cast<long>(sx.stx_btime.tv_nsec)}
+                         : timespec{};
+  status.hasMountId = (sx.stx_mask & STATX_MNT_ID) != 0;
+  status.mountId = status.hasMountId ? sx.stx_mnt_id : 0;
+}
+
+}  // namespace
+
+orn::result_t LStatX(const NativePath& path, ObjectStatus& status) noexcept {
+  try {
+    WalkDir dir;
+    std::string tail;
+    if (const orn::result_t r = WalkToTail(path, dir, tail); ORN_FAILED(r)) return r;
+    struct statx sx {};
+    if (::statx(dir.Get(), tail.c_str(), AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT,
+                STATX_BASIC_STATS | STATX_BTIME | STATX_MNT_ID, &sx) == 0) {
+      FromStatx(sx, status);
+      return orn::errors::kOk;
+    }
+    if (errno != ENOSYS) return orn::ResultFromErrno(errno);
+    status = ObjectStatus{};
+    if (::fstatat(dir.Get(), tail.c_str(), &status.st, AT_SYMLINK_NOFOLLOW) != 0)
       return orn::ResultFromErrno(errno);
     return orn::errors::kOk;
   } catch (const std::bad_alloc&) {

@@ -13,6 +13,7 @@
 #include <sys/stat.h>
 #include <sys/statfs.h>
 #include <sys/types.h>
+#include <time.h>
 
 #include <cstdint>
 
@@ -27,6 +28,21 @@ inline constexpr std::size_t kMaxPathPiece = 4095;
 // lstat semantics (fstatat with AT_SYMLINK_NOFOLLOW) for a path of any
 // length: paths up to 4095 bytes take one fstatat relative to AT_FDCWD.
 orn::result_t LStat(const NativePath& path, struct stat& st) noexcept;
+
+// What LStatX reports of one object.
+struct ObjectStatus {
+  struct stat st {};          // as lstat fills it
+  bool hasBirthTime = false;  // the file system records a birth time
+  timespec birthTime{};
+  bool hasMountId = false;  // the kernel tells the mount the object was reached through
+  std::uint64_t mountId = 0;
+};
+
+// lstat semantics for a path of any length, taken with statx so that the
+// birth time and the mount id come with the status (where the kernel and the
+// file system give them; a kernel without statx falls back to fstatat and
+// reports neither). Automounts are not triggered, as with lstat.
+orn::result_t LStatX(const NativePath& path, ObjectStatus& status) noexcept;
 
 // The same as a C-style call: 0 on success, -1 with errno set on failure
 // (ENOMEM, ENOENT for a piece without '/', or the failing call's errno).

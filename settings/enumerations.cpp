@@ -98,6 +98,36 @@ constexpr EnumRow kEventFieldName[] = {
     {144, "FileVersion"},
 };
 
+// The other enumerations of the shared vocabulary, with the rows this
+// module knows (their first rows); the integrity monitor uses none of them.
+// Rows not known here are absent (the danger table's sixth row).
+constexpr EnumRow kBoolean[] = {{0, "No"}, {1, "Yes"}};
+constexpr EnumRow kDetectCertainty[] = {
+    {0, "Unknown"}, {1, "Sure"}, {2, "Warning"}, {3, "Suspicion"}};
+constexpr EnumRow kDetectDanger[] = {
+    {0, "Unknown"}, {1, "High"}, {2, "Medium"}, {3, "Low"}, {4, "Informational"}};
+constexpr EnumRow kStorageObjectType[] = {
+    {0, "Quarantine"}, {1, "Backup"}, {2, "UserAdded"}, {3, "Untreated"}, {4, "Unknown"}};
+constexpr EnumRow kScanLevel[] = {{0, "Light"}, {1, "Medium"}, {2, "Deep"}, {3, "Recommended"}};
+constexpr EnumRow kScheduleFrequency[] = {
+    {0, "Daily"}, {1, "Weekly"}, {2, "Monthly"}, {3, "Never"}};
+constexpr EnumRow kProcessExitReason[] = {{0, "NormalExit"},
+                                          {1, "Crash"},
+                                          {2, "Freeze"},
+                                          {3, "MemoryLimitExceeded"},
+                                          {4, "GenericFailure"}};
+constexpr EnumRow kIpVersion[] = {{0, "IPv4"}, {1, "IPv6"}};
+constexpr EnumRow kUpdateMode[] = {{0, "Disabled"}, {1, "DownloadOnly"}, {2, "DownloadAndInstall"}};
+constexpr EnumRow kDeviceBus[] = {{0, "UnknownBus"}, {1, "USB"}, {2, "Firewire"}};
+constexpr EnumRow kServiceState[] = {{0, "Stopped"}, {1, "Running"}, {2, "Malfunction"}};
+constexpr EnumRow kCertificateEncoding[] = {{0, "DER"}, {1, "PEM"}};
+constexpr EnumRow kEventExportFormat[] = {{0, "JSON"}, {1, "CEF"}};
+
+// The integrity monitor's task types; the texts travel in the "TaskType"
+// field of events (the values are this module's own and never travel).
+constexpr EnumRow kFimTaskType[] = {{task_type::kOnAccess, "OAFIM"},
+                                    {task_type::kOnDemand, "ODFIM"}};
+
 template <std::size_t N>
 constexpr EnumTable MakeTable(const char* name, const EnumRow (&rows)[N]) {
   return EnumTable{name, rows, N};
@@ -128,6 +158,45 @@ const EnumTable& ProductEventTypeTable() {
 const EnumTable& EventFieldNameTable() {
   static constexpr EnumTable t = MakeTable("EventFieldName", kEventFieldName);
   return t;
+}
+
+const EnumTable& FimTaskTypeTable() {
+  static constexpr EnumTable t = MakeTable("FimTaskType", kFimTaskType);
+  return t;
+}
+
+const EnumTable* OtherVocabularyTables(std::size_t& count) {
+  // Constant-initialised, like every table here: nothing runs at load.
+  static constexpr EnumTable kTables[] = {
+      MakeTable("Boolean", kBoolean),
+      MakeTable("DetectCertainty", kDetectCertainty),
+      MakeTable("DetectDanger", kDetectDanger),
+      MakeTable("StorageObjectType", kStorageObjectType),
+      MakeTable("ScanLevel", kScanLevel),
+      MakeTable("ScheduleFrequency", kScheduleFrequency),
+      MakeTable("ProcessExitReason", kProcessExitReason),
+      MakeTable("IpVersion", kIpVersion),
+      MakeTable("UpdateMode", kUpdateMode),
+      MakeTable("DeviceBus", kDeviceBus),
+      MakeTable("ServiceState", kServiceState),
+      MakeTable("CertificateEncoding", kCertificateEncoding),
+      MakeTable("EventExportFormat", kEventExportFormat),
+  };
+  count = std::size(kTables);
+  return kTables;
+}
+
+const EnumTable* FindTable(std::string_view name) {
+  for (const EnumTable* table :
+       {&TaskStateTable(), &EventSeverityTable(), &FileModificationTypeTable(),
+        &FileObjectTypeTable(), &ProductEventTypeTable(), &EventFieldNameTable(),
+        &FimTaskTypeTable()})
+    if (name == table->name) return table;
+  std::size_t count = 0;
+  const EnumTable* others = OtherVocabularyTables(count);
+  for (std::size_t i = 0; i < count; ++i)
+    if (name == others[i].name) return &others[i];
+  return nullptr;
 }
 
 std::optional<std::string_view> NameOf(const EnumTable& table, std::int32_t value) {

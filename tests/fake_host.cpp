@@ -120,6 +120,14 @@ orn::result_t FakeLocator::GetService(orn::iid_t iid, orn::service_key_t key, vo
   {
     std::lock_guard lock(m_mutex);
     m_lookups.push_back(iid);
+    if (auto once = m_once.find(iid); once != m_once.end()) {
+      if (once->second.skip == 0) {
+        const orn::result_t failure = once->second.failure;
+        m_once.erase(once);
+        return failure;
+      }
+      --once->second.skip;
+    }
     auto it = m_services.find({iid, key});
     if (it == m_services.end()) return orn::errors::kNoInterface;
     if (ORN_FAILED(it->second.failure)) return it->second.failure;
@@ -136,6 +144,11 @@ void FakeLocator::Provide(orn::iid_t iid, orn::IObject* service, orn::service_ke
 void FakeLocator::Fail(orn::iid_t iid, orn::result_t failure, orn::service_key_t key) {
   std::lock_guard lock(m_mutex);
   m_services[{iid, key}] = Entry{nullptr, failure};
+}
+
+void FakeLocator::FailOnce(orn::iid_t iid, orn::result_t failure, std::size_t skip) {
+  std::lock_guard lock(m_mutex);
+  m_once[iid] = OneFailure{skip, failure};
 }
 
 void FakeLocator::Remove(orn::iid_t iid, orn::service_key_t key) {

@@ -85,6 +85,9 @@ class FakeLocator final : public orn::SimpleObject<orn::IServiceLocator> {
   }
   // Lookups of iid answer `failure` until Provide or Remove.
   void Fail(orn::iid_t iid, orn::result_t failure, orn::service_key_t key = 0);
+  // The lookup of iid (any key) that comes after `skip` more lookups of it
+  // answers `failure`, once; the others answer as usual.
+  void FailOnce(orn::iid_t iid, orn::result_t failure, std::size_t skip = 0);
   void Remove(orn::iid_t iid, orn::service_key_t key = 0);
   // Drops every service (breaks reference cycles at the end of a test).
   void Clear();
@@ -97,6 +100,11 @@ class FakeLocator final : public orn::SimpleObject<orn::IServiceLocator> {
   };
   mutable std::mutex m_mutex;
   std::map<std::pair<orn::iid_t, orn::service_key_t>, Entry> m_services;
+  struct OneFailure {
+    std::size_t skip;
+    orn::result_t failure;
+  };
+  std::map<orn::iid_t, OneFailure> m_once;
   std::vector<orn::iid_t> m_lookups;
 };
 

@@ -23,6 +23,11 @@ void RecordingEventPublisher::FailWith(orn::result_t result) {
   m_result = result;
 }
 
+void RecordingEventPublisher::Clear() {
+  std::lock_guard lock(m_mutex);
+  m_events.clear();
+}
+
 std::vector<pax::ProductEvent> RecordingEventPublisher::Events() const {
   std::lock_guard lock(m_mutex);
   return m_events;

@@ -35,6 +35,7 @@ class RecordingEventPublisher final : public orn::SimpleObject<pax::IEventPublis
 
   void FailWith(orn::result_t result);
   std::vector<pax::ProductEvent> Events() const;
+  void Clear();
   // Blocks until at least `count` events have been published; returns them.
   std::vector<pax::ProductEvent> WaitForEvents(std::size_t count) const;
 

@@ -37,15 +37,16 @@ class ITracer : public IObject {
   // Opens a record at `level` with `capacity` bytes, or, with
   // kTraceGrowMarker, grows an open record to `capacity` bytes keeping its
   // first record->length bytes. 0 = accepted (record->buffer set).
-  // The default refuses with errors::kNotSupported; the framework detects a
-  // tracer that keeps the default and treats it as closed without calling.
+  // The default refuses with errors::kNotSupported, so a tracer that keeps
+  // it writes nothing.
   virtual result_t OpenRecord(std::uint32_t level, TraceRecord* record, std::size_t capacity) {
     (void)level;
     (void)record;
     (void)capacity;
     return errors::kNotSupported;
   }
-  // Hands the buffer back with the composed length. The default is not called.
+  // Hands the buffer back with the composed length. The default answers
+  // errors::kNotSupported (ignored).
   virtual result_t CommitRecord(char* buffer, std::size_t length) {
     (void)buffer;
     (void)length;

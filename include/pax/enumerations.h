@@ -1,8 +1,9 @@
 // The product's shared vocabulary: numeric codes that travel in events and
 // settings, and their name tables (settings/enumerations.cpp holds the rows).
 //
-// Tables carry only the rows this product line defines for the integrity
-// monitor; a value or name without a row is reported as absent.
+// Tables carry only the rows the vocabulary defines for this module; a value or name without a row
+// is reported as absent. Every table is constant data, in place from the
+// moment the module is loaded: no code runs to build them.
 #pragma once
 
 #include <cstddef>
@@ -98,6 +99,12 @@ inline constexpr std::uint32_t kSymbolicLink = 5;
 inline constexpr std::uint32_t kSocket = 6;
 }  // namespace object_type
 
+// Rows of the integrity monitor's task-type table (FimTaskTypeTable).
+namespace task_type {
+inline constexpr std::int32_t kOnAccess = 0;  // "OAFIM"
+inline constexpr std::int32_t kOnDemand = 1;  // "ODFIM"
+}  // namespace task_type
+
 struct EnumRow {
   std::int32_t value;
   const char* name;
@@ -116,6 +123,19 @@ const EnumTable& FileModificationTypeTable();
 const EnumTable& FileObjectTypeTable();
 const EnumTable& ProductEventTypeTable();
 const EnumTable& EventFieldNameTable();
+// The task types of the integrity monitor: the texts of the "TaskType" field.
+const EnumTable& FimTaskTypeTable();
+
+// The other thirteen enumerations of the vocabulary, known here by their
+// first rows (the integrity monitor uses none of them), in its order:
+// "Boolean", "DetectCertainty", "DetectDanger", "StorageObjectType",
+// "ScanLevel", "ScheduleFrequency", "ProcessExitReason", "IpVersion",
+// "UpdateMode", "DeviceBus", "ServiceState", "CertificateEncoding",
+// "EventExportFormat" (the names are ours).
+const EnumTable* OtherVocabularyTables(std::size_t& count);
+
+// The table named `name` (EnumTable::name), or null.
+const EnumTable* FindTable(std::string_view name);
 
 // Lookups by value and by name (exact, case-sensitive); nullopt when absent.
 std::optional<std::string_view> NameOf(const EnumTable& table, std::int32_t value);

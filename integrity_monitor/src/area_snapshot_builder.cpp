@@ -11,6 +11,7 @@
 #include "pax_common/tools_03.h"
 #include "snapshot_builder.h"
 #include "snapshot_comparer.h"
+#include "sqlite_handles.h"
 
 namespace pax::fim {
 
@@ -18,6 +19,20 @@ using settings::ODFIMSettings;
 using settings::ScanArea;
 
 namespace {
+
+// Whether the scope's baseline holds the root's (ino, dev): the common case,
+// answered by one key lookup.
+constexpr const char kRootInBaseline[] =
+    "SELECT 1 FROM Baseline WHERE scanscopeid = ?1 AND ino = ?2 AND dev = ?3";
+// Whether the scope's baseline holds rows but none for the area root, whose
+// paths blob is ?2 (its path and a NUL).
+constexpr const char kLegacyBaseline[] =
+    "SELECT EXISTS (SELECT 1 FROM Baseline WHERE scanscopeid = ?1) AND NOT EXISTS (SELECT 1 "
+    "FROM Baseline WHERE scanscopeid = ?1 AND paths = ?2)";
+// Copies the root's current row into the baseline.
+constexpr const char kAdoptRoot[] =
+    "INSERT OR REPLACE INTO Baseline SELECT * FROM CurrentSnaphot WHERE scanscopeid = ?1 AND "
+    "paths = ?2";
 
 bool HasExceptions(const std::vector<settings::ExclusionEntry>& entries) {
   for (const settings::ExclusionEntry& entry : entries)
@@ -155,10 +170,23 @@ result_t AreaSnapshotBuilder::Walk(const AreaRun& run) {
 result_t AreaSnapshotBuilder::WalkDirectory(const AreaRun& run, SnapshotBuilder& builder) {
   const NativePath& native = run.path;
   const EnumerationStrategy strategy(*m_context.settings);
+
+  // The area's directory is recorded like every object under it, so that a
+  // change of its own mode, owner or ACL is reported too. Its file system
+  // was tested above.
+  SnapshotBuilder::EntryFacts rootFacts;
+  rootFacts.fileSystemTested = true;
+  const result_t rootRecorded = builder.BuildSnapshot(native, run.scanScopeId, rootFacts);
+  if (ORN_FAILED(rootRecorded))
+    return ORN_CHECK_AS(Tracer(), rootRecorded, "result = BuildSnapshot(native, scanScopeId)", "");
+  if (rootRecorded == orn::errors::kOk && !m_context.buildingBaseline) {
+    if (const result_t r = AdoptAreaRoot(run, native, rootFacts); ORN_FAILED(r)) return r;
+  }
+
   DirectoryWalker enumerator;
   if (const result_t r =
-          ORN_CHECK_AS(Tracer(), enumerator.Open(native), "enumerator.Open(native, strategy)",
-                       "Cannot open '" << native << "'");
+          ORN_CHECK_AS(Tracer(), enumerator.Open(native, {rootFacts.mountKnown, rootFacts.mount}),
+                       "enumerator.Open(native, strategy)", "Cannot open '" << native << "'");
       ORN_FAILED(r))
     return r;
 
@@ -174,18 +202,21 @@ result_t AreaSnapshotBuilder::WalkDirectory(const AreaRun& run, SnapshotBuilder&
                             "Cannot read directory '" << enumerator.FailedDirectory() << "'");
       break;
     }
-    // A regular file lives on its directory's file system, which passed this
-    // test when the directory was entered: only directories (mount points)
-    // and links (the test follows them) can lead elsewhere.
-    if (!currentObject.isRegularFile && OnPseudoFileSystem(currentObject.path)) continue;
-    const result_t recorded = builder.BuildSnapshot(currentObject.path, run.scanScopeId);
+    // The pseudo-file-system test of each entry is made inside
+    // BuildSnapshot, from the status it takes (SnapshotBuilder::EntryFacts):
+    // an entry on proc, sysfs or usbdevfs is skipped without a trace.
+    SnapshotBuilder::EntryFacts facts;
+    facts.directoryMountKnown = currentObject.directoryMountKnown;
+    facts.directoryMount = currentObject.directoryMount;
+    const result_t recorded = builder.BuildSnapshot(currentObject.path, run.scanScopeId, facts);
     if (ORN_FAILED(recorded)) {
       result = ORN_CHECK_AS(Tracer(), recorded,
                             "result = BuildSnapshot(currentObject, scanScopeId)", "");
       break;
     }
+    if (facts.pseudo) continue;
     if (!currentObject.isDirectory || !strategy.ShouldEnter(recorded)) continue;
-    const result_t entered = enumerator.Enter(currentObject);
+    const result_t entered = enumerator.Enter(currentObject, {facts.mountKnown, facts.mount});
     if (ORN_FAILED(entered) && orn::ErrnoFromResult(entered) != ENOENT) {
       ORN_TRACE(Tracer(), orn::kTraceLevelWarning)
           << kOdfimPrefix << "Cannot open '" << currentObject.path
@@ -194,6 +225,54 @@ result_t AreaSnapshotBuilder::WalkDirectory(const AreaRun& run, SnapshotBuilder&
   }
   enumerator.Close();
   return result;
+}
+
+// A baseline taken before area roots were recorded holds every object of
+// the area but its root: the root's first current row would read as a
+// created object. Such a baseline receives the root's row as it is now,
+// silently; a baseline that recorded the root, or holds nothing at all (the
+// area did not exist), is compared as it is.
+result_t AreaSnapshotBuilder::AdoptAreaRoot(const AreaRun& run, const NativePath& root,
+                                            const SnapshotBuilder::EntryFacts& facts) {
+  sqlite3_stmt* stmt = nullptr;
+  if (!ORN_CHECK_BOOL(Tracer(), m_db.Prepared(kRootInBaseline, stmt) == SQLITE_OK,
+                      "Cannot build sql statement for " << kRootInBaseline))
+    return orn::errors::kUnspecified;
+  {
+    StatementUse use(stmt);
+    ::sqlite3_bind_int64(stmt, 1, static_cast<sqlite3_int64>(run.scanScopeId));
+    ::sqlite3_bind_int64(stmt, 2, static_cast<sqlite3_int64>(facts.ino));
+    ::sqlite3_bind_int64(stmt, 3, static_cast<sqlite3_int64>(facts.dev));
+    if (::sqlite3_step(stmt) == SQLITE_ROW) return orn::errors::kOk;
+  }
+  orn::types::blob_t rootPaths(root.begin(), root.end());
+  rootPaths.push_back(0);
+  if (!ORN_CHECK_BOOL(Tracer(), m_db.Prepared(kLegacyBaseline, stmt) == SQLITE_OK,
+                      "Cannot build sql statement for " << kLegacyBaseline))
+    return orn::errors::kUnspecified;
+  bool legacy = false;
+  {
+    StatementUse use(stmt);
+    ::sqlite3_bind_int64(stmt, 1, static_cast<sqlite3_int64>(run.scanScopeId));
+    ::sqlite3_bind_blob(stmt, 2, rootPaths.data(), static_cast<int>(rootPaths.size()),
+                        SQLITE_STATIC);
+    legacy = ::sqlite3_step(stmt) == SQLITE_ROW && ::sqlite3_column_int(stmt, 0) != 0;
+  }
+  if (!legacy) return orn::errors::kOk;
+  ORN_TRACE(Tracer(), orn::kTraceLevelDetail)
+      << kOdfimPrefix << "The baseline of '" << root << "' gets its area root";
+  if (!ORN_CHECK_BOOL(Tracer(), m_db.Prepared(kAdoptRoot, stmt) == SQLITE_OK,
+                      "Cannot build sql statement for " << kAdoptRoot))
+    return orn::errors::kUnspecified;
+  StatementUse use(stmt);
+  ::sqlite3_bind_int64(stmt, 1, static_cast<sqlite3_int64>(run.scanScopeId));
+  ::sqlite3_bind_blob(stmt, 2, rootPaths.data(), static_cast<int>(rootPaths.size()), SQLITE_STATIC);
+  const int rc = ::sqlite3_step(stmt);
+  if (!ORN_CHECK_BOOL(
+          Tracer(), rc == SQLITE_DONE,
+          "Cannot add the area root to the baseline: " << ::sqlite3_errmsg(m_db.Handle())))
+    return orn::errors::kUnspecified;
+  return orn::errors::kOk;
 }
 
 result_t AreaSnapshotBuilder::Finish(AreaRun& run) {

@@ -8,16 +8,20 @@
 //   - The area root is read without following a final symbolic link. A root
 //     that is not a directory is recorded as a single object; a missing root
 //     and a root on a pseudo file system (proc, sysfs, usbdevfs) are skipped
-//     with a warning, and the area is finished with an empty snapshot.
+//     with a warning, and the area is finished with an empty snapshot. A
+//     directory root is recorded like every object under it (so changes of
+//     the area's own directory are reported), then walked. A baseline taken
+//     before roots were recorded gets the root's row silently at its first
+//     comparison (AdoptAreaRoot).
 //   - Every entry of every directory entered is considered ("." and ".."
 //     aside). An entry on a pseudo file system is skipped silently; every
 //     other entry, directories included, goes to the snapshot builder,
 //     which consults the task's path matcher and records only objects in
 //     scope: excluded objects produce no snapshot. The file-system test
-//     (statfs, which follows links) is made for every entry but regular
-//     files: a regular file lives on the file system of its directory,
-//     which was tested when the directory was entered (a file bind-mounted
-//     from a pseudo file system is the one case this does not see).
+//     answers as statfs (which follows links) would for every entry; statfs
+//     is asked only for links, mount points and where mount ids are unknown
+//     (SnapshotBuilder::EntryFacts): any other entry lies on the file system
+//     of its directory, which passed the test.
 //   - Sub-directories are entered when they were recorded, that is when the
 //     matcher puts them in scope: an excluded directory is not entered. The
 //     one exception is a configuration whose exclusion entries carry
@@ -31,7 +35,10 @@
 //     of what the administrator chose to monitor (a separate /boot or /usr
 //     under "/"), while the pseudo file systems, whose contents are not
 //     files, are left out by the test above. Other virtual file systems
-//     (tmpfs, devtmpfs) are left to exclusions.
+//     (tmpfs, devtmpfs) are left to exclusions. A bind mount reaches one
+//     object by two paths: its row keeps both, as for hard links.
+//   - Directories are opened with O_NOATIME where allowed: the walk does not
+//     change the access times it may report.
 //   - The walk is depth-first with an explicit stack of directory streams
 //     (directory_walker.h): depth costs no call stack, and the number of
 //     open streams is bounded, so no depth exhausts the descriptors.
@@ -66,10 +73,9 @@
 #include "pause_gate.h"
 #include "pax/settings/fim_settings.h"
 #include "settings_history.h"
+#include "snapshot_builder.h"
 
 namespace pax::fim {
-
-class SnapshotBuilder;
 
 // Which sub-directories the walk enters; see the strategy above.
 class EnumerationStrategy {
@@ -103,6 +109,8 @@ class AreaSnapshotBuilder {
                         const settings::ODFIMSettings& prevSettings);
   result_t Walk(const AreaRun& run);
   result_t WalkDirectory(const AreaRun& run, SnapshotBuilder& builder);
+  result_t AdoptAreaRoot(const AreaRun& run, const NativePath& root,
+                         const SnapshotBuilder::EntryFacts& facts);
   result_t Finish(AreaRun& run);
   void OnAreaFailure(const AreaRun& run, result_t failure);
   bool StopRequested() const;

@@ -1,14 +1,21 @@
 #include "area_snapshot_builder.h"
 
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <functional>
 #include <mutex>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "pax/enumerations.h"
@@ -54,6 +61,31 @@ class HookMatcher final : public orn::SimpleObject<IPathMatcher> {
   std::set<NativePath> m_excluded;
 };
 
+// Runs `body` on a thread of its own private mount namespace: its mounts are
+// seen by that thread alone and vanish with it. Returns why it could not
+// (not root, no CAP_SYS_ADMIN, a seccomp filter), or "" when `body` ran.
+std::string InPrivateMountNamespace(const std::function<std::string()>& body) {
+  std::string why;
+  std::thread thread([&] {
+    if (::unshare(CLONE_NEWNS) != 0) {
+      why = std::string("unshare(CLONE_NEWNS): ") + std::strerror(errno);
+      return;
+    }
+    if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+      why = std::string("mount(MS_PRIVATE): ") + std::strerror(errno);
+      return;
+    }
+    why = body();
+  });
+  thread.join();
+  return why;
+}
+
+std::string BindMount(const std::string& source, const std::string& target) {
+  if (::mount(source.c_str(), target.c_str(), nullptr, MS_BIND, nullptr) == 0) return "";
+  return "mount --bind " + source + " " + target + ": " + std::strerror(errno);
+}
+
 class AreaSnapshotBuilderTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -91,6 +123,31 @@ class AreaSnapshotBuilderTest : public ::testing::Test {
     };
     EXPECT_EQ(db.QueryExec(query, cb, &n), orn::errors::kOk);
     return n;
+  }
+  // The paths blob of every row of `table`, as text with '|' for NUL.
+  std::set<std::string> PathsOf(const char* table) {
+    std::set<std::string> out;
+    sqlite3_stmt* stmt = nullptr;
+    const std::string query = std::string("SELECT paths FROM ") + table;
+    EXPECT_EQ(sqlite3_prepare_v2(db.Handle(), query.c_str(), -1, &stmt, nullptr), SQLITE_OK);
+    while (sqlite3_step(stmt) == SQLITE_ROW) {
+      const char* p = static_cast<const char*>(sqlite3_column_blob(stmt, 0));
+      std::string paths(p ? p : "", static_cast<std::size_t>(sqlite3_column_bytes(stmt, 0)));
+      std::replace(paths.begin(), paths.end(), '\0', '|');
+      out.insert(paths);
+    }
+    sqlite3_finalize(stmt);
+    return out;
+  }
+  // A blob literal of `path` and its NUL, for SQL text.
+  static std::string PathsLiteral(const std::string& path) {
+    std::string hex = "x'";
+    char byte[3];
+    for (const unsigned char c : path + '\0') {
+      std::snprintf(byte, sizeof byte, "%02x", c);
+      hex += byte;
+    }
+    return hex + "'";
   }
   std::size_t EventsOfType(std::uint32_t type) const {
     std::size_t n = 0;
@@ -135,13 +192,13 @@ TEST_F(AreaSnapshotBuilderTest, ExcludedDirectoriesAreNotEnteredUnlessExceptions
   EXPECT_EQ(Build(), orn::errors::kFalse);
   const std::vector<NativePath> asked = matcher->Questions();
   EXPECT_EQ(std::set<NativePath>(asked.begin(), asked.end()),
-            (std::set<NativePath>{dir / "area/a", dir / "area/sub"}));
-  EXPECT_EQ(Count("SELECT count(*) FROM Baseline"), 1);
+            (std::set<NativePath>{dir / "area", dir / "area/a", dir / "area/sub"}));
+  EXPECT_EQ(Count("SELECT count(*) FROM Baseline"), 2);  // the area root and a
 
   // An exception could re-include something beneath the excluded directory.
   current.globalExclusions = {{u"", "*/sub", {"*/sub/keep"}, true}};
   (void)Build();
-  EXPECT_EQ(matcher->Questions().size(), asked.size() + 3);
+  EXPECT_EQ(matcher->Questions().size(), asked.size() + 4);
   const std::vector<NativePath> now = matcher->Questions();
   EXPECT_NE(std::find(now.begin(), now.end(), dir / "area/sub/b"), now.end());
 }
@@ -168,6 +225,7 @@ TEST_F(AreaSnapshotBuilderTest, FailedAreaIsReportedAndOnlyANewBaselineIsDropped
   // Entries vanish between reading the directory and taking their status.
   arvo::test::WriteFile(dir / "area/z", "");
   matcher->SetHook([&](const NativePath& path) {
+    if (path.rfind(dir / "area/", 0) != 0) return;  // the area root
     removeOthers(path);
     matcher->SetHook(nullptr);
   });
@@ -188,7 +246,106 @@ TEST_F(AreaSnapshotBuilderTest, FailedAreaIsReportedAndOnlyANewBaselineIsDropped
   EXPECT_EQ(Build(), orn::errors::kUnspecified);
   EXPECT_EQ(EventsOfType(event_type::kIntegrityMonitorError), 2u);
   EXPECT_EQ(Count("SELECT count(*) FROM ScanScopes"), 1);  // an existing baseline stays
-  EXPECT_EQ(Count("SELECT count(*) FROM Baseline"), 3);
+  EXPECT_EQ(Count("SELECT count(*) FROM Baseline"), 4);    // the area root, a, b and z
+}
+
+// The area's directory is an object of the area: recorded in the baseline
+// and compared like every other.
+TEST_F(AreaSnapshotBuilderTest, TheAreaRootIsRecordedAndCompared) {
+  ASSERT_EQ(Build(), orn::errors::kFalse);
+  EXPECT_EQ(PathsOf("Baseline"), (std::set<std::string>{dir / "area|", dir / "area/a|",
+                                                        dir / "area/sub|", dir / "area/sub/b|"}));
+  ASSERT_EQ(::chmod((dir / "area").c_str(), 0777), 0);
+  ASSERT_EQ(Build(), orn::errors::kFalse);
+  std::size_t rootChanges = 0;
+  for (const ProductEvent& e : events->Events()) {
+    bool attributes = false, root = false, mode = false;
+    for (const EventField& f : e.fields) {
+      attributes |= f.fieldId == field::kFileModificationType &&
+                    f.value.AsU32() == modification::kObjectAttributesChanged;
+      root |= f.fieldId == field::kPath && f.value.AsText8() == dir / "area";
+      mode |=
+          f.fieldId == field::kObjectAttributes && f.value.AsText16() == u"drwxrwxrwx (drwxr-xr-x)";
+    }
+    rootChanges += attributes && root && mode;
+  }
+  EXPECT_EQ(rootChanges, 1u);
+}
+
+// A baseline taken before area roots were recorded gets its root row the
+// first time it is compared, without a "created" report for the root.
+TEST_F(AreaSnapshotBuilderTest, ABaselineWithoutItsAreaRootAdoptsItSilently) {
+  ASSERT_EQ(Build(), orn::errors::kFalse);
+  const std::string root = dir / "area";
+  ASSERT_EQ(
+      db.QueryExec("DELETE FROM Baseline WHERE paths = " + PathsLiteral(root), nullptr, nullptr),
+      orn::errors::kOk);
+  ASSERT_EQ(PathsOf("Baseline").count(root + "|"), 0u);
+  events->Clear();
+  EXPECT_EQ(Build(), orn::errors::kOk);  // nothing to report
+  EXPECT_TRUE(events->Events().empty() || EventsOfType(event_type::kSystemIntegrityIssue) == 0u);
+  EXPECT_TRUE(tracer->Contains("odfim\tThe baseline of '" + root + "' gets its area root", 800));
+  EXPECT_EQ(PathsOf("Baseline").count(root + "|"), 1u);
+
+  // An empty baseline (the area did not exist) adopts nothing: the root and
+  // everything under it are created.
+  ASSERT_EQ(db.QueryExec("DELETE FROM Baseline", nullptr, nullptr), orn::errors::kOk);
+  events->Clear();
+  EXPECT_EQ(Build(), orn::errors::kFalse);
+  EXPECT_EQ(EventsOfType(event_type::kSystemIntegrityIssue), 4u);
+}
+
+// Reading a directory does not change its access time, which the next scan
+// would report when access times are reported.
+TEST_F(AreaSnapshotBuilderTest, TheWalkLeavesDirectoryAccessTimesAlone) {
+  // An access time older than the modification time: relatime updates it
+  // on the next read.
+  const timespec times[2] = {{946684800, 0}, {0, UTIME_OMIT}};
+  for (const char* d : {"area", "area/sub"})
+    ASSERT_EQ(::utimensat(AT_FDCWD, (dir / d).c_str(), times, 0), 0);
+  ASSERT_EQ(Build(), orn::errors::kFalse);
+  for (const char* d : {"area", "area/sub"}) {
+    struct stat st {};
+    ASSERT_EQ(::stat((dir / d).c_str(), &st), 0);
+    EXPECT_EQ(st.st_atim.tv_sec, 946684800) << d;
+  }
+  current.reportAccessTime = true;
+  EXPECT_EQ(Build(), orn::errors::kOk);
+  EXPECT_EQ(EventsOfType(event_type::kSystemIntegrityIssue), 0u);
+}
+
+// A directory bind-mounted inside the area reaches each of its files by two
+// paths; each file's row keeps both, as hard links do.
+TEST_F(AreaSnapshotBuilderTest, ABindMountKeepsBothPathsOfEachObject) {
+  arvo::test::MakeDir(dir / "area/alias");
+  arvo::test::WriteFile(dir / "area/sub/c", "c");
+  // A file bind-mounted from proc: on a pseudo file system although its
+  // directory is not; skipped like any entry on proc.
+  arvo::test::WriteFile(dir / "area/version", "");
+  result_t built = 0;
+  const std::string why = InPrivateMountNamespace([&]() -> std::string {
+    if (std::string error = BindMount(dir / "area/sub", dir / "area/alias"); !error.empty())
+      return error;
+    if (std::string error = BindMount("/proc/version", dir / "area/version"); !error.empty())
+      return error;
+    built = Build();
+    return "";
+  });
+  if (!why.empty()) GTEST_SKIP() << "needs a private mount namespace: " << why;
+  EXPECT_EQ(built, orn::errors::kFalse);
+  const std::set<std::string> paths = PathsOf("Baseline");
+  // Depth-first order decides which path comes first; both are there.
+  for (const char* name : {"b", "c"}) {
+    const std::string viaSub = dir / "area/sub/" + name + "|";
+    const std::string viaAlias = dir / "area/alias/" + name + "|";
+    EXPECT_TRUE(paths.count(viaSub + viaAlias) + paths.count(viaAlias + viaSub) == 1u)
+        << name << " in " << ::testing::PrintToString(paths);
+  }
+  // Directories keep their own path only: the two mount points
+  // are one directory, recorded once.
+  EXPECT_EQ(paths.count(dir / "area/sub|") + paths.count(dir / "area/alias|"), 1u);
+  EXPECT_EQ(paths.count(dir / "area/version|"), 0u);
+  EXPECT_EQ(paths.count(dir / "area/a|"), 1u);
 }
 
 }  // namespace

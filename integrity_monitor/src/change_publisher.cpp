@@ -39,7 +39,7 @@ result_t ChangePublisher::PublishEvent(ProductEvent& event) {
     event.Add(field::kRuntimeTaskId, FieldValue::U64(info.runtimeTaskId));
     event.Add(field::kFimRuleId, FieldValue::Text16(m_context.settings ? m_context.settings->ruleId
                                                                        : orn::types::string16_t()));
-    event.Add(field::kTaskType, FieldValue::Text16(kTaskTypeOnDemand));
+    event.Add(field::kTaskType, FieldValue::Text16(TaskTypeText(task_type::kOnDemand)));
     if (!m_context.eventPublisher) return orn::errors::kNotInitialized;
     return static_cast<result_t>(m_context.eventPublisher->Publish(event));
   } catch (...) {

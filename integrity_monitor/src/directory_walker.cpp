@@ -15,7 +15,15 @@
 namespace pax::fim {
 namespace {
 
-constexpr int kDirFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+constexpr int kDirFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC | O_NOATIME;
+
+// openat that drops O_NOATIME when the kernel refuses it (EPERM: the caller
+// neither owns the directory nor holds CAP_FOWNER).
+int OpenAtNoAtime(int dir, const char* path, int flags) {
+  const int fd = openat(dir, path, flags);
+  if (fd >= 0 || errno != EPERM || (flags & O_NOATIME) == 0) return fd;
+  return openat(dir, path, flags & ~O_NOATIME);
+}
 constexpr std::size_t kMinStreams = 4;
 constexpr std::size_t kMaxStreams = 256;
 
@@ -40,7 +48,7 @@ class Fd {
 // a final symbolic link; -1 with errno set on failure. Paths past 4095 bytes
 // are reached piece by piece, each piece cut at its last '/'.
 int OpenDirectoryPath(const NativePath& path) {
-  if (path.size() <= tools::kMaxPathPiece) return open(path.c_str(), kDirFlags);
+  if (path.size() <= tools::kMaxPathPiece) return OpenAtNoAtime(AT_FDCWD, path.c_str(), kDirFlags);
   Fd base;
   std::size_t pos = 0;
   while (path.size() - pos > tools::kMaxPathPiece) {
@@ -56,7 +64,7 @@ int OpenDirectoryPath(const NativePath& path) {
     base.Reset(fd);
     pos += slash + 1;
   }
-  return openat(base.Get(), path.c_str() + pos, kDirFlags);
+  return OpenAtNoAtime(base.Get(), path.c_str() + pos, kDirFlags);
 }
 
 void JoinPath(const NativePath& directory, std::string_view name, NativePath& out) {
@@ -81,7 +89,7 @@ std::size_t DirectoryWalker::DefaultMaxOpenStreams() {
   return std::clamp<std::size_t>(limit.rlim_cur / 4, kMinStreams, kMaxStreams);
 }
 
-result_t DirectoryWalker::Open(const NativePath& root) {
+result_t DirectoryWalker::Open(const NativePath& root, Mount mount) {
   Close();
   m_failedDirectory.clear();
   const int fd = OpenDirectoryPath(root);
@@ -92,12 +100,13 @@ result_t DirectoryWalker::Open(const NativePath& root) {
     close(fd);
     return orn::ResultFromErrno(err);
   }
-  return Push(root, std::move(dir));
+  return Push(root, mount, std::move(dir));
 }
 
-result_t DirectoryWalker::Push(NativePath path, std::unique_ptr<DIR, DirCloser> dir) {
+result_t DirectoryWalker::Push(NativePath path, Mount mount, std::unique_ptr<DIR, DirCloser> dir) {
   Level& level = m_stack.emplace_back();
   level.path = std::move(path);
+  level.mount = mount;
   level.dir = std::move(dir);
   ++m_openStreams;
   return orn::errors::kOk;
@@ -141,6 +150,8 @@ result_t DirectoryWalker::Next(Entry& entry) {
     JoinPath(top.path, name, entry.path);
     entry.isDirectory = ResolveIsDirectory(top, std::string(name), type, entry.path);
     entry.isRegularFile = type == DT_REG;
+    entry.directoryMountKnown = top.mount.known;
+    entry.directoryMount = top.mount.id;
     return orn::errors::kOk;
   }
   return orn::errors::kFalse;
@@ -156,14 +167,14 @@ bool DirectoryWalker::ResolveIsDirectory(const Level& level, const std::string& 
   return ok && S_ISDIR(st.st_mode);
 }
 
-result_t DirectoryWalker::Enter(const Entry& entry) {
+result_t DirectoryWalker::Enter(const Entry& entry, Mount mount) {
   if (m_stack.empty()) return orn::errors::kInvalidState;
   Level& top = m_stack.back();
   int fd = -1;
   if (top.dir) {
     const std::size_t slash = entry.path.rfind('/');
     const char* name = entry.path.c_str() + (slash == NativePath::npos ? 0 : slash + 1);
-    fd = openat(dirfd(top.dir.get()), name, kDirFlags);
+    fd = OpenAtNoAtime(dirfd(top.dir.get()), name, kDirFlags);
     if (fd < 0 && (errno == EMFILE || errno == ENFILE)) {
       // Out of descriptors despite the bound (someone else holds many):
       // give up this level's stream and open by path.
@@ -181,7 +192,7 @@ result_t DirectoryWalker::Enter(const Entry& entry) {
     return orn::ResultFromErrno(err);
   }
   if (m_openStreams >= m_maxOpenStreams && top.dir) Spill(top);
-  return Push(entry.path, std::move(dir));
+  return Push(entry.path, mount, std::move(dir));
 }
 
 void DirectoryWalker::Spill(Level& level) {

@@ -17,12 +17,21 @@
 // levels, never with the size of the tree, and no depth exhausts the
 // descriptors.
 //
+// Directories are opened with O_NOATIME where the kernel allows it (the
+// caller owns them, or may act for every owner): reading them does not
+// change their access time, which the next scan would otherwise report.
+//
+// Each directory carries the mount id its caller gives (Open, Enter) and
+// hands it out with each of its entries, so that the caller can tell an
+// entry on another mount (a mount point) from one on its directory's.
+//
 // Not thread-safe: one walker belongs to one walk on one thread.
 #pragma once
 
 #include <dirent.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <memory>
 #include <string>
@@ -33,14 +42,25 @@
 
 namespace pax::fim {
 
+// The mount a directory was reached through, when known.
+struct DirectoryMount {
+  bool known = false;
+  std::uint64_t id = 0;
+};
+
 class DirectoryWalker {
  public:
+  using Mount = DirectoryMount;
+
   struct Entry {
     NativePath path;           // directory path, "/" (unless already there), name
     bool isDirectory = false;  // the entry itself, not what a link points to
     // A regular file as the directory reported it (no extra status call);
     // false when the directory did not say.
     bool isRegularFile = false;
+    // The mount of the directory holding the entry, as given to Open/Enter.
+    bool directoryMountKnown = false;
+    std::uint64_t directoryMount = 0;
   };
 
   // `maxOpenStreams` 0 picks the default bound from RLIMIT_NOFILE.
@@ -51,7 +71,7 @@ class DirectoryWalker {
 
   // Closes whatever is open and starts at `root` (which must be a
   // directory). Failure: errno of the open, as a result.
-  [[nodiscard]] result_t Open(const NativePath& root);
+  [[nodiscard]] result_t Open(const NativePath& root, Mount mount = {});
 
   // The next entry: 0 with `entry` set; 1 when the walk is over (every
   // directory popped); a failure when reading a directory failed (errno as
@@ -62,7 +82,7 @@ class DirectoryWalker {
   // Pushes `entry` (a directory returned by the last Next) so that its
   // entries come next. Failure (errno as a result): nothing is pushed and
   // the walk goes on with the current directory.
-  [[nodiscard]] result_t Enter(const Entry& entry);
+  [[nodiscard]] result_t Enter(const Entry& entry, Mount mount = {});
 
   // Closes every stream and empties the stack.
   void Close() noexcept;
@@ -85,13 +105,14 @@ class DirectoryWalker {
   };
   struct Level {
     NativePath path;
+    Mount mount;
     std::unique_ptr<DIR, DirCloser> dir;  // null once spilled
     std::vector<SpilledEntry> spilled;
     std::size_t next = 0;  // next spilled entry
     int spillErrno = 0;    // a read error met while spilling
   };
 
-  result_t Push(NativePath path, std::unique_ptr<DIR, DirCloser> dir);
+  result_t Push(NativePath path, Mount mount, std::unique_ptr<DIR, DirCloser> dir);
   // Reads the rest of `level` into memory and closes its stream.
   void Spill(Level& level);
   bool ResolveIsDirectory(const Level& level, const std::string& name, unsigned char type,

@@ -50,6 +50,13 @@ struct FileSnapshot {
   Sha256Digest sha256{};     // all zero when no digest was taken
   orn::types::blob_t acl;    // raw "system.posix_acl_access"; empty when none
   orn::types::blob_t paths;  // see above
+  // Birth time (statx), 0.0 when the file system records none. It tells a
+  // reused inode number from the object a baseline row describes
+  // (SnapshotComparer); not in the text form.
+  std::int64_t btime_sec = 0;
+  std::int64_t btime_nsec = 0;
+
+  bool HasBirthTime() const { return btime_sec != 0 || btime_nsec != 0; }
 };
 
 // File object type code of a mode (pax::object_type): regular file 0,

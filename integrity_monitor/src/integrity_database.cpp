@@ -30,6 +30,12 @@ constexpr const char kCreateSnapshotTable[] =
     "   BLOB NOT NULL,PRIMARY KEY(scanscopeid,ino,dev),FOREIGN KEY(scanscopeid) REFERENCES "
     "%s(id) ON DELETE CASCADE)";
 constexpr const char kPragma[] = "PRAGMA foreign_keys = ON";
+// The module's two added columns of "Baseline" and "CurrentSnaphot" (the
+// birth time), appended to the tables' original columns by ALTER TABLE: new and
+// existing databases end with the same columns in the same order, so the
+// baseline rebuild's "INSERT INTO ... SELECT *" still pairs them.
+constexpr const char* kAddedColumns[] = {"btime_sec", "btime_nsec"};
+constexpr const char kAddColumn[] = "ALTER TABLE '%1%' ADD COLUMN %2% INTEGER NOT NULL DEFAULT 0";
 constexpr const char kSelectScanScope[] = "SELECT id from '%s' where taskId=%d and path='%s'";
 constexpr const char kInsertScanScope[] = "INSERT INTO %s(taskId, path) VALUES ('%d', '%s');";
 constexpr const char kDeleteScanScope[] = "DELETE from '%s' where id = %d";
@@ -119,8 +125,31 @@ result_t IntegrityDatabase::InitializeDatabase() {
         ORN_FAILED(r))
       return r;
   }
+  for (const char* table : {kBaselineTable, kCurrentSnapshotTable}) {
+    if (const result_t r = AddMissingColumns(table); ORN_FAILED(r)) return r;
+  }
   const std::string Pragma = kPragma;
   return ORN_CHECK(m_tracer, QueryExec(Pragma, nullptr, nullptr), "Cannot enable foreign key");
+}
+
+result_t IntegrityDatabase::AddMissingColumns(const char* table) {
+  for (const char* column : kAddedColumns) {
+    const std::string probe = std::string("SELECT ") + column + " FROM '" + table + "' LIMIT 0";
+    Statement stmt;
+    if (::sqlite3_prepare_v2(m_db.Get(), probe.c_str(), -1, stmt.Ref(), nullptr) == SQLITE_OK)
+      continue;  // present
+    const std::string query = (boost::format(kAddColumn) % table % column).str();
+    if (ORN_SUCCEEDED(QueryExec(query, nullptr, nullptr))) continue;
+    // Another connection may have added it meanwhile.
+    Statement again;
+    if (!ORN_CHECK_BOOL_AS(
+            m_tracer,
+            ::sqlite3_prepare_v2(m_db.Get(), probe.c_str(), -1, again.Ref(), nullptr) == SQLITE_OK,
+            "AddMissingColumns(table)",
+            "Cannot add column " << column << " to " << table << " table"))
+      return orn::errors::kUnspecified;
+  }
+  return orn::errors::kOk;
 }
 
 result_t IntegrityDatabase::QueryExec(const std::string& query,

@@ -5,8 +5,12 @@
 // Location: the file named by the environment variable ARVO_FIM_DB when it
 // is set and not empty (tests and unprivileged runs), otherwise
 // "/var/opt/aldervane/arvo/private/fim.db". The directory must exist; the
-// file is created when missing. Nothing is migrated: the schema statements
-// are idempotent and an existing database is reused as it is.
+// file is created when missing. The schema statements are idempotent and an
+// existing database is reused as it is, with one addition: "Baseline" and
+// "CurrentSnaphot" carry two columns beyond their original ones, btime_sec and
+// btime_nsec (the object's birth time, 0 when unknown), appended with ALTER
+// TABLE to new and older databases alike. Rows written before they existed
+// read 0 (unknown).
 //
 // Ownership and threads: IntegrityDatabase owns the connection and every
 // statement it caches; it is used by one thread at a time (the on-demand
@@ -65,8 +69,9 @@ class IntegrityDatabase {
   // Opens `path` (as Open does).
   [[nodiscard]] result_t OpenPath(const std::string& path);
 
-  // Creates the three tables (if missing) and switches foreign keys on for
-  // this connection; stops at the first failure.
+  // Creates the three tables (if missing), adds the birth-time columns to
+  // the snapshot tables (if missing) and switches foreign keys on for this
+  // connection; stops at the first failure.
   [[nodiscard]] result_t InitializeDatabase();
 
   // The connection (null until opened). Stays owned by this object.
@@ -127,6 +132,7 @@ class IntegrityDatabase {
 
  private:
   void DropStatements() noexcept;
+  result_t AddMissingColumns(const char* table);
 
   orn::ITracer* m_tracer;
   // Cached statements are declared after the connection so that they are

@@ -30,13 +30,16 @@ std::string SnapshotTableSchema(const std::string& name) {
          "NULL,mtime_nsec\t    INTEGER NOT NULL,paths\t        BLOB NOT NULL,attr    \t    "
          "INTEGER NOT NULL,nlinks\t        INTEGER NOT NULL,size\t        INTEGER NOT NULL,uid\t  "
          "      INTEGER NOT NULL,gid\t        INTEGER NOT NULL,sha256\t        BLOB NOT "
-         "NULL,acl\t        BLOB NOT NULL,PRIMARY KEY(scanscopeid,ino,dev),FOREIGN "
+         "NULL,acl\t        BLOB NOT NULL, btime_sec INTEGER NOT NULL DEFAULT 0, btime_nsec "
+         "INTEGER NOT NULL DEFAULT 0,PRIMARY KEY(scanscopeid,ino,dev),FOREIGN "
          "KEY(scanscopeid) REFERENCES ScanScopes(id) ON DELETE CASCADE)";
 }
 
 TEST_F(IntegrityDatabaseTest, SchemaIsStoredExactlyAndReopeningKeepsIt) {
   // SQLite stores the text of CREATE TABLE without "IF NOT EXISTS" and the
-  // trailing ';'; everything else, tabs and blanks included, must be ours.
+  // trailing ';'; everything else, tabs and blanks included, must be ours:
+  // the original statement, with the two birth-time columns ALTER TABLE
+  // inserted after the last column.
   const std::vector<std::string> expected = {
       "CREATE TABLE ScanScopes (id\tINTEGER NOT NULL PRIMARY KEY AUTOINCREMENT,taskid\tINTEGER "
       "NOT NULL,path\tTEXT NOT NULL)",
@@ -85,7 +88,7 @@ TEST_F(IntegrityDatabaseTest, DeletingAScopeCascadesToItsSnapshots) {
     for (std::uint64_t scope : {kept, dropped}) {
       const std::string insert = std::string("INSERT INTO ") + table + " VALUES (" +
                                  std::to_string(scope) +
-                                 ",1,2,0,0,0,0,0,0,x'00',0,1,0,0,0,x'',x'')";
+                                 ",1,2,0,0,0,0,0,0,x'00',0,1,0,0,0,x'',x'',0,0)";
       ASSERT_EQ(db.QueryExec(insert, nullptr, nullptr), 0);
     }
   }
@@ -135,6 +138,54 @@ TEST_F(IntegrityDatabaseTest, TransactionRollsBackUnlessCommitted) {
     EXPECT_EQ(transaction.Commit(), 0);
   }
   EXPECT_EQ(Column(db.Handle(), "SELECT path FROM ScanScopes"), std::vector<std::string>{"/kept"});
+}
+
+// A database written before the birth-time columns existed gets them, its
+// rows reading 0 (unknown), and the baseline rebuild's SELECT * still pairs
+// the two tables' columns.
+TEST_F(IntegrityDatabaseTest, AnOlderDatabaseGainsTheBirthTimeColumns) {
+  const std::string path = dir / "old.db";
+  sqlite3* raw = nullptr;
+  ASSERT_EQ(sqlite3_open(path.c_str(), &raw), SQLITE_OK);
+  const std::string scopes =
+      "CREATE TABLE ScanScopes (id\tINTEGER NOT NULL PRIMARY KEY AUTOINCREMENT,taskid\tINTEGER "
+      "NOT NULL,path\tTEXT NOT NULL)";
+  std::string old = SnapshotTableSchema("Baseline");
+  const std::string added =
+      " btime_sec INTEGER NOT NULL DEFAULT 0, btime_nsec INTEGER NOT NULL DEFAULT 0,";
+  old.erase(old.find(added), added.size());
+  std::string oldCurrent = old;
+  oldCurrent.replace(oldCurrent.find("Baseline"), 8, "CurrentSnaphot");
+  for (const std::string& q :
+       {scopes, old, oldCurrent, std::string("INSERT INTO ScanScopes VALUES (1, 7, '/a')"),
+        std::string("INSERT INTO CurrentSnaphot VALUES (1,5,2,0,0,0,0,0,0,x'2f6100',33188,1,0,0,"
+                    "0,x'',x'')")})
+    ASSERT_EQ(sqlite3_exec(raw, q.c_str(), nullptr, nullptr, nullptr), SQLITE_OK) << q;
+  sqlite3_close(raw);
+
+  IntegrityDatabase older(tracer.Get());
+  ASSERT_EQ(older.OpenPath(path), 0);
+  ASSERT_EQ(older.InitializeDatabase(), 0);
+  EXPECT_TRUE(tracer->Contains(
+      "Exec query: ALTER TABLE 'Baseline' ADD COLUMN btime_sec INTEGER NOT NULL DEFAULT 0", 800));
+  const char* query =
+      "SELECT sql FROM sqlite_master WHERE type = 'table' AND name != 'sqlite_sequence' "
+      "ORDER BY rowid";
+  EXPECT_EQ(Column(older.Handle(), query),
+            (std::vector<std::string>{scopes, SnapshotTableSchema("Baseline"),
+                                      SnapshotTableSchema("CurrentSnaphot")}));
+  EXPECT_EQ(Column(older.Handle(), "SELECT btime_sec || '.' || btime_nsec FROM CurrentSnaphot"),
+            std::vector<std::string>{"0.0"});
+  ASSERT_EQ(older.QueryExec("INSERT INTO Baseline SELECT * FROM CurrentSnaphot", nullptr, nullptr),
+            0);
+  EXPECT_EQ(Column(older.Handle(), "SELECT ino FROM Baseline"), std::vector<std::string>{"5"});
+
+  // Opening it again changes nothing.
+  tracer->Clear();
+  IntegrityDatabase again(tracer.Get());
+  ASSERT_EQ(again.OpenPath(path), 0);
+  ASSERT_EQ(again.InitializeDatabase(), 0);
+  EXPECT_FALSE(tracer->Contains("ALTER TABLE"));
 }
 
 }  // namespace

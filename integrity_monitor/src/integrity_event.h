@@ -10,11 +10,13 @@
 
 namespace pax::fim {
 
-// The task identity texts carried in events ("TaskType" and the on-access
-// task's "TaskName"). Built once for the module.
-extern const orn::types::string16_t kTaskTypeOnAccess;  // "OAFIM"
-extern const orn::types::string16_t kTaskTypeOnDemand;  // "ODFIM"
-extern const orn::types::string16_t kOnAccessTaskName;  // "System_Integrity_Monitoring"
+// The task identity texts carried in events: "TaskType" from the task-type
+// table (pax::FimTaskTypeTable, "OAFIM" and "ODFIM") and the on-access
+// task's "TaskName" ("System_Integrity_Monitoring"). Each is built once, on
+// first use: static initialisation creates nothing but the enumeration
+// tables, which are constant data. Thread-safe.
+const orn::types::string16_t& TaskTypeText(std::int32_t taskType);  // pax::task_type
+const orn::types::string16_t& OnAccessTaskName();
 // The "TaskId" the on-access task writes into its events.
 inline constexpr std::uint64_t kOnAccessTaskId = 11;
 // The header word every integrity event carries.

@@ -84,7 +84,6 @@ result_t IntegrityMonitorCallbacks::Report(const InotifyEvent& event) {
   // result does not stop the product event.
   (void)m_integrityMonitorPublisher->PublishDetectEvent(0, event.path, nullptr, nullptr);
 
-  static const orn::types::string16_t taskName = kOnAccessTaskName;
   ProductEvent product = MakeIntegrityEvent(event_type::kSystemIntegrityIssue, severity::kCritical);
   if (!event.formerPath.empty())
     product.Add(field::kOriginalPath, FieldValue::Text8(event.formerPath));
@@ -94,8 +93,8 @@ result_t IntegrityMonitorCallbacks::Report(const InotifyEvent& event) {
   // UpdateSettings, so an event racing with an update may carry either id.
   product.Add(field::kFimRuleId, FieldValue::Text16(RuleId()));
   product.Add(field::kTaskId, FieldValue::U64(kOnAccessTaskId));
-  product.Add(field::kTaskType, FieldValue::Text16(kTaskTypeOnAccess));
-  product.Add(field::kTaskName, FieldValue::Text16(taskName));
+  product.Add(field::kTaskType, FieldValue::Text16(TaskTypeText(task_type::kOnAccess)));
+  product.Add(field::kTaskName, FieldValue::Text16(OnAccessTaskName()));
   return static_cast<result_t>(m_eventPublisher->Publish(product));
 }
 

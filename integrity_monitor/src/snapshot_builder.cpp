@@ -33,22 +33,26 @@ constexpr const char kSelectPaths[] =
     "SELECT paths FROM '%1%' WHERE scanscopeid = '%2%' and ino = '%3%' and dev = '%4%'";
 constexpr const char kSelectPathsBound[] =
     "SELECT paths FROM '%1%' WHERE scanscopeid = ?2 and ino = ?3 and dev = ?4";
+// The two birth-time columns (?19, ?20) are this module's addition to the
+// row (integrity_database.h).
 constexpr const char kReplaceBound[] =
     "REPLACE INTO '%1%' "
     "(scanscopeid,ino,dev,ctime_sec,ctime_nsec,atime_sec,atime_nsec,mtime_sec,mtime_nsec,paths,"
-    "attr,nlinks,size,uid,gid,sha256, acl)VALUES "
-    "(?2,?3,?4,?5,?6,?7,?8,?9,?10,?16,?11,?12,?13,?14,?15,?17, ?18);";
+    "attr,nlinks,size,uid,gid,sha256, acl,btime_sec,btime_nsec)VALUES "
+    "(?2,?3,?4,?5,?6,?7,?8,?9,?10,?16,?11,?12,?13,?14,?15,?17, ?18,?19,?20);";
 // REPLACE where the lookup just found no row for the key: with nothing to
 // replace both store the same row, and SQLite's conflict handling for
 // REPLACE costs about a quarter of a walk's database time.
 constexpr const char kInsertBound[] =
     "INSERT INTO '%1%' "
     "(scanscopeid,ino,dev,ctime_sec,ctime_nsec,atime_sec,atime_nsec,mtime_sec,mtime_nsec,paths,"
-    "attr,nlinks,size,uid,gid,sha256, acl)VALUES "
-    "(?2,?3,?4,?5,?6,?7,?8,?9,?10,?16,?11,?12,?13,?14,?15,?17, ?18);";
+    "attr,nlinks,size,uid,gid,sha256, acl,btime_sec,btime_nsec)VALUES "
+    "(?2,?3,?4,?5,?6,?7,?8,?9,?10,?16,?11,?12,?13,?14,?15,?17, ?18,?19,?20);";
 constexpr int kPathsParam = 16;
 constexpr int kShaParam = 17;
 constexpr int kAclParam = 18;
+constexpr int kBirthSecParam = 19;
+constexpr int kBirthNsecParam = 20;
 
 std::string ErrnoText(int err) {
   char buffer[256];
@@ -98,15 +102,57 @@ SnapshotBuilder::SnapshotBuilder(OnDemandContext& context, IntegrityDatabase& db
     : m_context(context), m_db(db) {}
 
 result_t SnapshotBuilder::BuildSnapshot(const NativePath& path, std::uint64_t scanScopeId) {
+  return Capture(path, scanScopeId, nullptr);
+}
+
+result_t SnapshotBuilder::BuildSnapshot(const NativePath& path, std::uint64_t scanScopeId,
+                                        EntryFacts& facts) {
+  return Capture(path, scanScopeId, &facts);
+}
+
+result_t SnapshotBuilder::Capture(const NativePath& path, std::uint64_t scanScopeId,
+                                  EntryFacts* facts) {
   orn::ITracer* const tracer = m_context.tracer;
-  struct stat st {};
-  const bool statOk = tools::LStatFile(path, &st) != -1;
-  const int statErr = errno;
-  if (!ORN_CHECK_BOOL_AS(tracer, statOk, "tools::LStatFile(path, &st) != -1",
+  // statx rather than lstat: the same status, with the birth time (which
+  // tells a reused inode number from the object the baseline saw) and the
+  // mount id (which tells where two paths may reach one object).
+  tools::ObjectStatus status;
+  const result_t statResult = tools::LStatX(path, status);
+  // The failing call's errno, as LStatFile reports it.
+  int statErr = errno;
+  if (statResult == orn::errors::kOutOfMemory) statErr = ENOMEM;
+  if (const int err = orn::ErrnoFromResult(statResult); err != 0) statErr = err;
+  if (!ORN_CHECK_BOOL_AS(tracer, ORN_SUCCEEDED(statResult), "tools::LStatFile(path, &st) != -1",
                          "Cannot stat for '" << path << "': " << ErrnoText(statErr)))
     return orn::errors::kUnspecified;
-
+  const struct stat& st = status.st;
   const bool isDirectory = (st.st_mode & S_IFMT) == S_IFDIR;
+  m_mounts.Note(st.st_dev, status.hasMountId, status.mountId);
+
+  if (facts) {
+    facts->isDirectory = isDirectory;
+    facts->mountKnown = status.hasMountId;
+    facts->mount = status.mountId;
+    facts->ino = st.st_ino;
+    facts->dev = st.st_dev;
+    facts->pseudo = false;
+    // An object reached through its directory's mount lies on that
+    // directory's file system, which passed the test: statfs would answer
+    // the same.
+    const bool sameFileSystem = facts->directoryMountKnown && status.hasMountId &&
+                                status.mountId == facts->directoryMount &&
+                                (st.st_mode & S_IFMT) != S_IFLNK;
+    if (!facts->fileSystemTested && !sameFileSystem) {
+      bool pseudo = false;
+      // A failing statfs (a dangling link, an object removed meanwhile) is
+      // not a pseudo file system.
+      if (ORN_SUCCEEDED(tools::IsPseudoFileSystem(path, pseudo)) && pseudo) {
+        facts->pseudo = true;
+        return orn::errors::kFalse;
+      }
+    }
+  }
+
   if (m_context.matcher && m_context.matcher->Match(path, isDirectory) == orn::errors::kFalse) {
     ORN_TRACE(tracer, orn::kTraceLevelDetail) << kOdfimPrefix << path << " is not in scan scope";
     return orn::errors::kFalse;
@@ -116,10 +162,12 @@ result_t SnapshotBuilder::BuildSnapshot(const NativePath& path, std::uint64_t sc
   const bool hashing = m_context.settings && m_context.settings->computeContentHash;
   if (hashing && (st.st_mode & S_IFMT) == S_IFREG && st.st_size != 0) {
     if (const result_t r =
-            ORN_CHECK_AS(tracer, GetFileHash(path, st, hash), "GetFileHash(path, hash)",
+            ORN_CHECK_AS(tracer, GetFileHash(path, status, hash), "GetFileHash(path, hash)",
                          "Cannot calc sha256 hash for '" << path << "'");
         ORN_FAILED(r))
       return r;
+    // The status may have been taken again from a replacing file.
+    if (st.st_size == 0) hash = {};
   }
 
   orn::types::blob_t acl;
@@ -129,11 +177,15 @@ result_t SnapshotBuilder::BuildSnapshot(const NativePath& path, std::uint64_t sc
     return r;
 
   FileSnapshot snapshot(path, st, hash, acl);
+  if (status.hasBirthTime) {
+    snapshot.btime_sec = status.birthTime.tv_sec;
+    snapshot.btime_nsec = status.birthTime.tv_nsec;
+  }
   return ORN_CHECK_AS(tracer, SaveFileSnapshot(scanScopeId, snapshot),
                       "SaveFileSnapshot(scanScopeId, FileSnapshot(path, st, hash, acl))", "");
 }
 
-result_t SnapshotBuilder::GetFileHash(const NativePath& path, const struct stat& st,
+result_t SnapshotBuilder::GetFileHash(const NativePath& path, tools::ObjectStatus& status,
                                       Sha256Digest& hash) {
   orn::ITracer* const tracer = m_context.tracer;
   const orn::types::string16_t wPath = orn::text::NarrowToWide(path);
@@ -152,16 +204,32 @@ result_t SnapshotBuilder::GetFileHash(const NativePath& path, const struct stat&
       ORN_FAILED(r))
     return r;
 
-  // The object may have been replaced between the status and the open: its
-  // content must not be recorded under the old object's identity.
+  // The object may have been replaced between the status and the open (an
+  // editor's save, a package upgrade): its content must not be recorded
+  // under the old object's identity. The open stream keeps the new object
+  // alive, so its (dev, ino) cannot be reused meanwhile: a status taken now
+  // that shows the same pair is the opened object's.
   orn::FileIdentity identity;
   if (const result_t r =
           ORN_CHECK(tracer, io->GetIdentity(&identity), "Cannot get identity of '" << path << "'");
       ORN_FAILED(r))
     return r;
-  if (!ORN_CHECK_BOOL(tracer, identity.dev == st.st_dev && identity.ino == st.st_ino,
-                      "File '" << path << "' was replaced before it could be read"))
-    return orn::errors::kNotMatched;
+  const auto opened = [&identity](const struct stat& st) {
+    return identity.dev == st.st_dev && identity.ino == st.st_ino;
+  };
+  if (!opened(status.st)) {
+    tools::ObjectStatus again;
+    const bool restated = ORN_SUCCEEDED(tools::LStatX(path, again));
+    if (!ORN_CHECK_BOOL_AS(tracer, restated && opened(again.st),
+                           "tools::LStatFile(path, &st) != -1",
+                           "Cannot stat for '" << path << "': replaced again while being read"))
+      return orn::errors::kUnspecified;
+    ORN_TRACE(tracer, orn::kTraceLevelDetail)
+        << kOdfimPrefix << "'" << path << "' was replaced before it could be read: recording "
+        << "the new object";
+    m_mounts.Note(again.st.st_dev, again.hasMountId, again.mountId);
+    status = again;
+  }
 
   return ORN_CHECK_AS(tracer, m_context.sha256Provider->GetHashByIO(io.Get(), hash),
                       "m_sha256Provider->GetHashByIO(io, hash)",
@@ -204,10 +272,13 @@ result_t SnapshotBuilder::SaveFileSnapshot(std::uint64_t scanScopeId, FileSnapsh
 result_t SnapshotBuilder::GetHardlinks(std::uint64_t scanScopeId, FileSnapshot& snap) {
   snap.paths.push_back(0);
   if (FileTypeFromMode(snap.attr) == object_type::kDirectory) return orn::errors::kOk;
-  // An object with a single link has no other path to merge: a stored row of
-  // it could only come from this same walk if it was renamed while being
-  // walked, and Insert then replaces that row as REPLACE would.
-  if (snap.nlinks <= 1) {
+  // An object with a single link has no other path to merge, unless the walk
+  // reaches its file system through two mounts (a bind mount): then the
+  // same object may sit at two paths and is looked up like a hard link.
+  // Otherwise a stored row of it could only come from this same walk if it
+  // was renamed while being walked, and Insert then replaces that row as
+  // REPLACE would.
+  if (snap.nlinks <= 1 && !m_mounts.MayAlias(snap.dev)) {
     m_absent = RowKey{true, m_context.buildingBaseline, scanScopeId, snap.ino, snap.dev};
     return orn::errors::kOk;
   }
@@ -230,6 +301,21 @@ result_t SnapshotBuilder::GetHardlinks(std::uint64_t scanScopeId, FileSnapshot& 
     if (stored && size > 0) snap.paths.insert(snap.paths.end(), stored, stored + size);
   }
   return orn::errors::kOk;
+}
+
+void SnapshotBuilder::MountAliases::Note(std::uint64_t dev, bool mountKnown, std::uint64_t mount) {
+  for (Device& device : m_devices) {
+    if (device.dev != dev) continue;
+    if (!mountKnown || mount != device.mount) device.aliased = true;
+    return;
+  }
+  m_devices.push_back(Device{dev, mount, !mountKnown});
+}
+
+bool SnapshotBuilder::MountAliases::MayAlias(std::uint64_t dev) const {
+  for (const Device& device : m_devices)
+    if (device.dev == dev) return device.aliased;
+  return false;
 }
 
 result_t SnapshotBuilder::Insert(std::uint64_t scanScopeId, const FileSnapshot& snap) {
@@ -280,6 +366,8 @@ result_t SnapshotBuilder::WriteRow(const char* bound, std::uint64_t scanScopeId,
   else
     BindBlob(stmt, kShaParam, snap.sha256.data(), snap.sha256.size());
   BindBlob(stmt, kAclParam, snap.acl.data(), snap.acl.size());
+  BindInt(stmt, kBirthSecParam, snap.btime_sec);
+  BindInt(stmt, kBirthNsecParam, snap.btime_nsec);
   step = ::sqlite3_step(stmt);
   return orn::errors::kOk;
 }

@@ -11,29 +11,62 @@
 #include <sys/stat.h>
 
 #include <cstdint>
+#include <vector>
 
 #include "file_snapshot.h"
 #include "integrity_database.h"
 #include "on_demand_context.h"
 #include "orn/result.h"
 #include "orn/types.h"
+#include "pax_common/tools_03.h"
 
 namespace pax::fim {
 
 class SnapshotBuilder {
  public:
+  // What the area walk tells BuildSnapshot about a directory entry, and what
+  // it learns back.
+  struct EntryFacts {
+    // In: the mount through which the entry's directory was reached; that
+    // directory's file system passed the pseudo-file-system test.
+    bool directoryMountKnown = false;
+    std::uint64_t directoryMount = 0;
+    // In: the entry's file system was tested already (the area root).
+    bool fileSystemTested = false;
+    // Out: the entry lies on a pseudo file system and was skipped (result 1).
+    bool pseudo = false;
+    // Out: from the status taken.
+    bool isDirectory = false;
+    bool mountKnown = false;
+    std::uint64_t mount = 0;
+    std::uint64_t ino = 0;
+    std::uint64_t dev = 0;
+  };
+
   SnapshotBuilder(OnDemandContext& context, IntegrityDatabase& db);
 
   // Captures and saves `path`. 0 saved; 1 outside the scan scope (nothing
   // saved); a failure otherwise (errors::kUnspecified when the object cannot
-  // be stat'ed).
+  // be stat'ed, or when it was replaced twice while being read).
   [[nodiscard]] result_t BuildSnapshot(const NativePath& path, std::uint64_t scanScopeId);
 
-  // SHA-256 of the content, read through the host's file factory. `st` is
-  // the status the caller took: a file whose open identity (dev, ino)
-  // differs from it was replaced in between and fails with
-  // errors::kNotMatched rather than being hashed as the old one.
-  [[nodiscard]] result_t GetFileHash(const NativePath& path, const struct stat& st,
+  // The same for an entry of the walk, which first gets the pseudo-file-
+  // system test of the walk (proc, sysfs, usbdevfs: skipped silently, result
+  // 1, facts.pseudo set). The test's answer is the answer statfs gives; it
+  // is asked of statfs only where it can differ from the directory's: for a
+  // symbolic link (statfs follows it), a mount point (an entry reached
+  // through another mount than its directory) or when mounts are unknown.
+  [[nodiscard]] result_t BuildSnapshot(const NativePath& path, std::uint64_t scanScopeId,
+                                       EntryFacts& facts);
+
+  // SHA-256 of the content, read through the host's file factory. `status`
+  // is the status the caller took. A file whose open identity (dev, ino)
+  // differs from it was replaced in between: the status is taken again and,
+  // when it now names the opened file, replaces `status` so that the digest
+  // and the status describe the same object; when it names yet another
+  // object the call fails with errors::kUnspecified, as for an object that
+  // cannot be stat'ed.
+  [[nodiscard]] result_t GetFileHash(const NativePath& path, tools::ObjectStatus& status,
                                      Sha256Digest& hash);
 
   // The raw access ACL attribute. 0 read; 1 the object has none (ENODATA,
@@ -70,9 +103,30 @@ class SnapshotBuilder {
     bool operator==(const RowKey&) const = default;
   };
 
+  // Whether two paths of the walk can reach the same single-link object:
+  // only through two mounts of one file system (a bind mount, or the file
+  // system mounted twice), which the mount ids of the objects visited
+  // reveal. Devices whose mounts are unknown count as aliased.
+  class MountAliases {
+   public:
+    void Note(std::uint64_t dev, bool mountKnown, std::uint64_t mount);
+    bool MayAlias(std::uint64_t dev) const;
+
+   private:
+    struct Device {
+      std::uint64_t dev;
+      std::uint64_t mount;
+      bool aliased;
+    };
+    std::vector<Device> m_devices;  // a handful per walk
+  };
+
+  result_t Capture(const NativePath& path, std::uint64_t scanScopeId, EntryFacts* facts);
+
   OnDemandContext& m_context;
   IntegrityDatabase& m_db;
   RowKey m_absent;
+  MountAliases m_mounts;
 };
 
 }  // namespace pax::fim

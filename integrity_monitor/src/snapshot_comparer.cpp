@@ -1,5 +1,7 @@
 #include "snapshot_comparer.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <ctime>
@@ -49,6 +51,13 @@ constexpr const char kCompareStatement[] =
     "c.size = b.size and c.uid = b.uid and c.gid = b.gid and c.sha256 = b.sha256 and c.acl = "
     "b.acl))";
 
+// The birth times of an object present on both sides (the comparison
+// statement predates them and does not select them).
+constexpr const char kBirthTimes[] =
+    "SELECT b.btime_sec, b.btime_nsec, c.btime_sec, c.btime_nsec FROM Baseline b JOIN "
+    "CurrentSnaphot c ON c.scanscopeid = b.scanscopeid AND c.ino = b.ino AND c.dev = b.dev "
+    "WHERE b.scanscopeid = ?1 AND b.ino = ?2 AND b.dev = ?3";
+
 // Columns of one side, from `first` on, in the statement's order.
 void ReadSnapshot(sqlite3_stmt* stmt, int first, FileSnapshot& snap) {
   const auto i64 = [&](int column) { return ::sqlite3_column_int64(stmt, first + column); };
@@ -79,6 +88,10 @@ void ReadSnapshot(sqlite3_stmt* stmt, int first, FileSnapshot& snap) {
   if (digest.size() == snap.sha256.size())
     std::copy(digest.begin(), digest.end(), snap.sha256.begin());
   blob(15, snap.acl);
+}
+
+bool Later(std::int64_t sec, std::int64_t nsec, std::int64_t thanSec, std::int64_t thanNsec) {
+  return sec > thanSec || (sec == thanSec && nsec > thanNsec);
 }
 
 // "new (old)".
@@ -133,6 +146,9 @@ result_t SnapshotComparer::CompareSnapshots(std::uint64_t scanScopeId) {
     FileSnapshot after;
     ReadSnapshot(stmt.Get(), 0, before);
     ReadSnapshot(stmt.Get(), 16, after);
+    if (!before.IsAbsent() && !after.IsAbsent()) {
+      if (const result_t r = ReadBirthTimes(scanScopeId, before, after); ORN_FAILED(r)) return r;
+    }
     ORN_TRACE(tracer, orn::kTraceLevelDetail) << kOdfimPrefix << "before: " << before;
     ORN_TRACE(tracer, orn::kTraceLevelDetail) << kOdfimPrefix << "after: " << after;
     result_t res = orn::errors::kOk;
@@ -153,6 +169,40 @@ result_t SnapshotComparer::CompareSnapshots(std::uint64_t scanScopeId) {
   return reported ? orn::errors::kFalse : orn::errors::kOk;
 }
 
+result_t SnapshotComparer::ReadBirthTimes(std::uint64_t scanScopeId, FileSnapshot& before,
+                                          FileSnapshot& after) {
+  sqlite3_stmt* stmt = nullptr;
+  if (const int rc = m_db.Prepared(kBirthTimes, stmt); rc != SQLITE_OK) {
+    ORN_TRACE(m_context.tracer, orn::kTraceLevelError)
+        << kOdfimPrefix << "Cannot build sql statement for " << kBirthTimes << ": "
+        << ::sqlite3_errmsg(m_db.Handle()) << " (" << rc << ")";
+    return orn::errors::kUnspecified;
+  }
+  StatementUse use(stmt);
+  ::sqlite3_bind_int64(stmt, 1, static_cast<sqlite3_int64>(scanScopeId));
+  ::sqlite3_bind_int64(stmt, 2, static_cast<sqlite3_int64>(before.ino));
+  ::sqlite3_bind_int64(stmt, 3, static_cast<sqlite3_int64>(before.dev));
+  if (::sqlite3_step(stmt) == SQLITE_ROW) {
+    before.btime_sec = ::sqlite3_column_int64(stmt, 0);
+    before.btime_nsec = ::sqlite3_column_int64(stmt, 1);
+    after.btime_sec = ::sqlite3_column_int64(stmt, 2);
+    after.btime_nsec = ::sqlite3_column_int64(stmt, 3);
+  }
+  return orn::errors::kOk;
+}
+
+bool SnapshotComparer::IsAnotherObject(const FileSnapshot& before, const FileSnapshot& after) {
+  // Another file type is always another object.
+  if ((before.attr & S_IFMT) != (after.attr & S_IFMT)) return true;
+  if (!after.HasBirthTime()) return false;
+  // A birth time never changes...
+  if (before.HasBirthTime())
+    return before.btime_sec != after.btime_sec || before.btime_nsec != after.btime_nsec;
+  // ...and never follows the object's own change time: an object born after
+  // the change time the baseline recorded was not there to be recorded.
+  return Later(after.btime_sec, after.btime_nsec, before.ctime_sec, before.ctime_nsec);
+}
+
 result_t SnapshotComparer::Compare(const FileSnapshot& before, const FileSnapshot& after) {
   result_t failure = orn::errors::kOk;
   if (before.IsAbsent()) {
@@ -165,6 +215,21 @@ result_t SnapshotComparer::Compare(const FileSnapshot& before, const FileSnapsho
     const std::uint32_t type = FileTypeFromMode(before.attr);
     for (const NativePath& path : SplitPaths(before.paths))
       KeepFirstFailure(failure, m_publisher.PublishObjectDeletedEvent(before, path, type));
+    return ORN_FAILED(failure) ? failure : orn::errors::kFalse;
+  }
+
+  if (IsAnotherObject(before, after)) {
+    // The inode number was freed and handed to a new object: the old one
+    // was deleted and the new one created, whatever their paths; neither
+    // content nor attributes are compared across the two.
+    ORN_TRACE(m_context.tracer, orn::kTraceLevelDetail)
+        << kOdfimPrefix << "Inode " << after.ino << " was reused by another object";
+    for (const NativePath& path : SplitPaths(before.paths))
+      KeepFirstFailure(failure, m_publisher.PublishObjectDeletedEvent(
+                                    before, path, FileTypeFromMode(before.attr)));
+    for (const NativePath& path : SplitPaths(after.paths))
+      KeepFirstFailure(failure, m_publisher.PublishObjectCreatedEvent(
+                                    after, path, FileTypeFromMode(after.attr)));
     return ORN_FAILED(failure) ? failure : orn::errors::kFalse;
   }
 
@@ -250,6 +315,11 @@ result_t SnapshotComparer::CompareFileAttributes(const FileSnapshot& before,
     if (before.ctime_sec != after.ctime_sec || before.ctime_nsec != after.ctime_nsec)
       add(field::kLastStatusChangeTime, DateText(before.ctime_sec, before.ctime_nsec),
           DateText(after.ctime_sec, after.ctime_nsec));
+    // A modification time set back or forth (touch -d) with the content
+    // unchanged is reported as what it is.
+    if (before.mtime_sec != after.mtime_sec || before.mtime_nsec != after.mtime_nsec)
+      add(field::kLastModificationTime, DateText(before.mtime_sec, before.mtime_nsec),
+          DateText(after.mtime_sec, after.mtime_nsec));
     const bool reportAccessTime = m_context.settings && m_context.settings->reportAccessTime;
     if (reportAccessTime &&
         (before.atime_sec != after.atime_sec || before.atime_nsec != after.atime_nsec))

@@ -32,15 +32,30 @@ class SnapshotComparer {
   [[nodiscard]] result_t CompareSnapshots(std::uint64_t scanScopeId);
 
   // One object's change; `before` or `after` IsAbsent() for a created or
-  // deleted object. 1 when something was published, 0 when nothing was.
+  // deleted object. A pair that is not one object (IsAnotherObject) is a
+  // deletion of `before` and a creation of `after`. 1 when something was
+  // published, 0 when nothing was.
   [[nodiscard]] result_t Compare(const FileSnapshot& before, const FileSnapshot& after);
 
-  // One attributes-changed event per path present on both sides. 1 when
-  // some attribute differed (even with no common path left), 0 otherwise.
+  // True when the two rows of one (dev, ino) describe two objects: the
+  // number was freed and reused. Another file type always; otherwise, where
+  // `after` has a birth time, a birth time different from the baseline's,
+  // or (a baseline row without one) later than the baseline's change time.
+  // Without a birth time a reused number of the same type is not told from
+  // the same object.
+  static bool IsAnotherObject(const FileSnapshot& before, const FileSnapshot& after);
+
+  // One attributes-changed event per path present on both sides, with a
+  // field per attribute that differs: link count, owner, group, mode, size,
+  // change time, modification time, and the access time when the settings
+  // ask for it. 1 when some attribute differed (even with no common path
+  // left), 0 otherwise.
   [[nodiscard]] result_t CompareFileAttributes(const FileSnapshot& before,
                                                const FileSnapshot& after, bool isContentChanged);
 
  private:
+  // Fills the birth times of an object present on both sides.
+  result_t ReadBirthTimes(std::uint64_t scanScopeId, FileSnapshot& before, FileSnapshot& after);
   result_t ComparePaths(const FileSnapshot& before, const FileSnapshot& after, bool& published);
 
   OnDemandContext& m_context;

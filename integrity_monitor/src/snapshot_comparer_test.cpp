@@ -131,6 +131,85 @@ TEST_F(SnapshotComparerTest, ReplacedFileIsDeletedAndCreated) {
                                       {"54=7", "66=/f", "55=0"}, {"54=8", "66=/f", "55=0"}}));
 }
 
+// A freed inode number handed to another object: never a rename, and no
+// content or attribute change against the old object.
+TEST_F(SnapshotComparerTest, AReusedNumberOfAnotherTypeIsADeletionAndACreation) {
+  FileSnapshot link = Snap(5, {"/t/l"});
+  link.attr = S_IFLNK | 0777;
+  FileSnapshot directory = Snap(5, {"/t/d"});
+  directory.attr = S_IFDIR | 0755;
+  directory.ctime_sec = 2000;
+  Both(link, directory);
+  EXPECT_EQ(SortedChanges(Run()), (std::vector<std::vector<std::string>>{
+                                      {"54=7", "66=/t/d", "55=1"}, {"54=8", "66=/t/l", "55=5"}}));
+  EXPECT_TRUE(detects->Calls().empty());  // no move reported
+  EXPECT_TRUE(tracer->Contains("odfim	Inode 5 was reused by another object", 800));
+}
+
+TEST_F(SnapshotComparerTest, AReusedNumberBornAfterTheBaselineIsADeletionAndACreation) {
+  // rm t/a; echo new > t/b: the baseline row (no birth time recorded)
+  // changed at 1000, the object now there was born at 2000.
+  FileSnapshot before = Snap(5, {"/t/a"});
+  FileSnapshot after = Snap(5, {"/t/b"});
+  after.size = 4;
+  after.sha256[0] = 1;
+  after.ctime_sec = after.mtime_sec = after.btime_sec = 2000;
+  Both(before, after);
+  EXPECT_EQ(SortedChanges(Run()), (std::vector<std::vector<std::string>>{
+                                      {"54=7", "66=/t/b", "55=0"}, {"54=8", "66=/t/a", "55=0"}}));
+
+  // The same path taken by a new object: deleted and created, not changed.
+  events->Clear();
+  FileSnapshot old = Snap(6, {"/t/f"});
+  old.btime_sec = 900;
+  FileSnapshot now = Snap(6, {"/t/f"});
+  now.btime_sec = now.ctime_sec = 1500;
+  now.sha256[1] = 2;
+  ASSERT_EQ(db.QueryExec("DELETE FROM Baseline; DELETE FROM CurrentSnaphot", nullptr, nullptr), 0);
+  Both(old, now);
+  EXPECT_EQ(SortedChanges(Run()), (std::vector<std::vector<std::string>>{
+                                      {"54=7", "66=/t/f", "55=0"}, {"54=8", "66=/t/f", "55=0"}}));
+}
+
+TEST_F(SnapshotComparerTest, TheSameBirthTimeIsTheSameObject) {
+  FileSnapshot before = Snap(7, {"/t/a"});
+  before.btime_sec = 900;
+  FileSnapshot after = before;
+  after.paths = Snap(7, {"/t/b"}).paths;
+  after.ctime_sec = 3000;  // renamed later: its change time moves, its birth time does not
+  Both(before, after);
+  const auto events = Run();
+  ASSERT_EQ(events.size(), 1u);  // the change time has no path left in common
+  EXPECT_EQ(ChangeFields(events[0]),
+            (std::vector<std::string>{"54=13", "66=/t/b", "55=0", "63=/t/a"}));
+
+  // Birth time alone decides; a row without one compares as before.
+  FileSnapshot a = Snap(1, {"/x"}), b = Snap(1, {"/y"});
+  EXPECT_FALSE(SnapshotComparer::IsAnotherObject(a, b));
+  b.btime_sec = a.ctime_sec;  // born no later than the recorded change
+  EXPECT_FALSE(SnapshotComparer::IsAnotherObject(a, b));
+  b.btime_nsec = 1;
+  EXPECT_TRUE(SnapshotComparer::IsAnotherObject(a, b));
+  a.btime_sec = b.btime_sec;
+  a.btime_nsec = b.btime_nsec;
+  EXPECT_FALSE(SnapshotComparer::IsAnotherObject(a, b));
+}
+
+TEST_F(SnapshotComparerTest, AModificationTimeSetBackIsReported) {
+  FileSnapshot before = Snap(1, {"/f"});
+  FileSnapshot after = before;
+  after.mtime_sec = 86400;  // touch -d: same content, another modification time
+  after.ctime_sec = 2000;
+  Both(before, after);
+  const auto events = Run();
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(
+      ChangeFields(events[0]),
+      (std::vector<std::string>{"58=1970-01-01 00:33:20.000000000 (1970-01-01 00:16:40.000000000)",
+                                "57=1970-01-02 00:00:00.000000000 (1970-01-01 00:16:40.000000000)",
+                                "54=3", "66=/f", "55=0"}));
+}
+
 TEST_F(SnapshotComparerTest, SinglePathChangesAreRenamesOrMoves) {
   FileSnapshot renamed = Snap(1, {"/d/a"});
   renamed.sha256[0] = 9;

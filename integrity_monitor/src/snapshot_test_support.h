@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -73,12 +74,15 @@ class FakeIO final : public orn::SimpleObject<orn::IIO> {
 };
 
 // Opens real files; SimulateReplacement makes every opened file report
-// another inode, as if it had been replaced after its status was taken.
+// another inode, as if it had been replaced after its status was taken (and
+// again whenever the status is taken anew). `beforeOpen`, when set, runs
+// with the path just before each open.
 class FakeFileFactory final : public orn::SimpleObject<orn::IFileFactory> {
  public:
   orn::result_t CreateFile(const char16_t* path, std::uint32_t, std::uint32_t, std::uint32_t,
                            std::uint32_t, orn::IIO** io) override {
     const std::string narrow = orn::text::WideToNarrow(path);
+    if (beforeOpen) beforeOpen(narrow);
     const int fd = ::open(narrow.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) return orn::ResultFromErrno(errno);
     *io = new FakeIO(fd, m_inoDelta);
@@ -87,6 +91,7 @@ class FakeFileFactory final : public orn::SimpleObject<orn::IFileFactory> {
   }
   void SimulateReplacement() { m_inoDelta = 1; }
   int Opens() const { return m_opens; }
+  std::function<void(const std::string&)> beforeOpen;
 
  private:
   std::uint64_t m_inoDelta = 0;

@@ -134,9 +134,10 @@ TEST_F(ScanTest, ExcludedObjectsAreNotReported) {
   WriteFile(m_area + "/scratch.tmp", "x");
   WriteFile(m_area + "/d1/more.tmp", "y");
   const RunResult run = Scan({"--exclude", "*.tmp"});
-  // Only d1's own times changed (a file appeared in it).
+  // Only the times of d1 and of the area's own directory changed (a file
+  // appeared in each).
   for (const Event& e : OfType(run.events, "SystemIntegrityIssue")) {
-    EXPECT_EQ(e.Path(), m_area + "/d1");
+    EXPECT_TRUE(e.Path() == m_area + "/d1" || e.Path() == m_area) << e.Path();
     EXPECT_EQ(e.Number("FileModificationType"), mod::kObjectAttributesChanged);
   }
 }

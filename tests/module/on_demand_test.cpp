@@ -2,6 +2,7 @@
 // dlopen, the reference host's services (storage, serializer, hashing, file
 // access, path matching, task information) and recording fakes for what the
 // task reports. Each scan uses a fresh task object, as a host does.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/prctl.h>
@@ -14,7 +15,10 @@
 #include <iterator>
 
 #include <algorithm>
+#include <chrono>
 #include <condition_variable>
+#include <cstdlib>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -462,6 +466,170 @@ TEST_F(OnDemandModuleTest, ConstructionLooksUpServicesInOrderAndFailsOnTheFirstM
   setenv("ARVO_FIM_DB", (dir / "missing/fim.db").c_str(), 1);
   EXPECT_FALSE(NewTask(orn::errors::kUnspecified));
   EXPECT_TRUE(host.tracer->Contains("Cannot open db: ", orn::kTraceLevelError));
+}
+
+// ---------------------------------------------------------------------------
+// Truthful reports on a real (ext4) tree: what changed is what is reported.
+
+std::uint64_t InodeOf(const std::string& path) {
+  struct stat st {};
+  return ::lstat(path.c_str(), &st) == 0 ? st.st_ino : 0;
+}
+
+// Whether the change events of the last scan for `path` carry field `id`.
+bool HasField(const std::vector<ProductEvent>& events, const std::string& path, std::uint32_t id) {
+  for (const ProductEvent& e : events) {
+    bool hasPath = false, hasField = false;
+    for (const pax::EventField& f : e.fields) {
+      hasPath |= f.fieldId == pax::field::kPath && f.value.AsText8() == path;
+      hasField |= f.fieldId == id;
+    }
+    if (hasPath && hasField) return true;
+  }
+  return false;
+}
+
+// Makes an object at `path` with `make` until it gets inode number `wanted`
+// (freed just before): ext4 hands out the lowest free number of the group,
+// and other processes may have freed lower ones; each miss is moved out of
+// the area into `spare`, keeping its number taken. False when not reached.
+bool CreateWithInode(const std::string& path, std::uint64_t wanted, const std::string& spare,
+                     const std::function<void()>& make) {
+  for (int attempt = 0; attempt < 200; ++attempt) {
+    make();
+    if (InodeOf(path) == wanted) return true;
+    const std::string aside =
+        spare + "/" + std::to_string(attempt) + "-" + std::to_string(InodeOf(path));
+    if (::rename(path.c_str(), aside.c_str()) != 0) return false;
+  }
+  return false;
+}
+
+// ext4 hands a freed inode number to the next new object; the rows, keyed by
+// (device, inode), must still tell the new object from the old one. (tmpfs
+// does not reuse numbers this way: the test skips where none is reused.)
+// Other processes creating files on the same file system may take a freed
+// number first, so each case has a few candidates.
+TEST_F(OnDemandModuleTest, AReusedInodeNumberIsADeletionAndACreation) {
+  const std::string spare = dir / "spare";
+  arvo::test::MakeDir(spare);
+  constexpr int kCandidates = 6;
+  for (int i = 0; i < kCandidates; ++i) {
+    const std::string n = std::to_string(i);
+    arvo::test::WriteFile(dir / ("etc/a" + n), "old");
+    ASSERT_EQ(::symlink("passwd", (dir / ("etc/link" + n)).c_str()), 0);
+    arvo::test::WriteFile(dir / ("etc/replaced" + n), "v1");
+  }
+  ASSERT_EQ(R(Scan()), kCompleted);
+
+  // Deletes `before` and makes `after` with `make` until `after` takes the
+  // number `before` had; returns the candidate's suffix, or -1.
+  auto reuse = [&](const std::string& before, const std::string& after,
+                   const std::function<void(const std::string&)>& make) {
+    for (int i = 0; i < kCandidates; ++i) {
+      const std::string n = std::to_string(i);
+      const std::uint64_t number = InodeOf(dir / (before + n));
+      EXPECT_EQ(::unlink((dir / (before + n)).c_str()), 0);
+      if (CreateWithInode(dir / (after + n), number, spare, [&] { make(dir / (after + n)); }))
+        return i;
+    }
+    return -1;
+  };
+  // rm t/a; echo new > t/b
+  const int b =
+      reuse("etc/a", "etc/b", [](const std::string& p) { arvo::test::WriteFile(p, "new"); });
+  // A directory that takes a deleted symbolic link's number.
+  const int d = reuse("etc/link", "etc/dir", [](const std::string& p) { arvo::test::MakeDir(p); });
+  // A file replaced by a new inode that takes the old one's number.
+  const int r = reuse("etc/replaced", "etc/replaced",
+                      [](const std::string& p) { arvo::test::WriteFile(p, "v2, longer"); });
+  if (b < 0 || d < 0 || r < 0)
+    GTEST_SKIP() << "this file system did not reuse inode numbers (" << b << d << r << ")";
+
+  EXPECT_EQ(R(Scan()), kCompleted);
+  using namespace pax::modification;
+  const std::string bn = std::to_string(b), dn = std::to_string(d), rn = std::to_string(r);
+  EXPECT_EQ(Changes(dir / ("etc/a" + bn), kObjectDeleted), 1u);
+  EXPECT_EQ(Changes(dir / ("etc/b" + bn), kObjectCreated), 1u);
+  EXPECT_EQ(Changes(dir / ("etc/link" + dn), kObjectDeleted), 1u);
+  EXPECT_EQ(Changes(dir / ("etc/dir" + dn), kObjectCreated), 1u);
+  EXPECT_EQ(Changes(dir / ("etc/replaced" + rn), kObjectDeleted), 1u);
+  EXPECT_EQ(Changes(dir / ("etc/replaced" + rn), kObjectCreated), 1u);
+  for (const std::string& path : {"etc/b" + bn, "etc/dir" + dn, "etc/replaced" + rn}) {
+    for (std::uint32_t kind : {kObjectRenamed, kObjectMoved, kObjectContentChanged,
+                               kObjectAttributesChanged, kObjectAccessControlAttributesChanged})
+      EXPECT_EQ(Changes(dir / path, kind), 0u) << path << " kind " << kind;
+  }
+  EXPECT_EQ(detections->Count(), 0u);  // nothing was moved
+}
+
+// The area's own directory is an object of the area.
+TEST_F(OnDemandModuleTest, ChangesOfTheAreaDirectoryItselfAreReported) {
+  ASSERT_EQ(R(Scan()), kCompleted);
+  ASSERT_EQ(::chmod((dir / "etc").c_str(), 0777), 0);
+  const bool owned = ::chown((dir / "etc").c_str(), 4242, 4242) == 0;
+  const std::string acl = "setfacl -m u:12345:rx '" + dir / "etc" + "' 2>/dev/null";
+  const bool aclSet = std::system(acl.c_str()) == 0;
+  EXPECT_EQ(R(Scan()), kCompleted);
+  EXPECT_EQ(Changes(dir / "etc", pax::modification::kObjectAttributesChanged), 1u);
+  EXPECT_TRUE(HasField(ScanEvents(), dir / "etc", pax::field::kObjectAttributes));
+  if (owned) {
+    EXPECT_TRUE(HasField(ScanEvents(), dir / "etc", pax::field::kOwnerUserId));
+  }
+  if (aclSet) {
+    EXPECT_EQ(Changes(dir / "etc", pax::modification::kObjectAccessControlAttributesChanged), 1u);
+  }
+  EXPECT_EQ(Count(pax::event_type::kSystemIntegrityOk), 0u);
+}
+
+// touch -d: the content is the same, the modification time is not.
+TEST_F(OnDemandModuleTest, AModificationTimeSetBackIsReportedAsSuch) {
+  ASSERT_EQ(R(Scan()), kCompleted);
+  const timespec times[2] = {{0, UTIME_OMIT}, {978307200, 0}};  // 2001-01-01
+  ASSERT_EQ(::utimensat(AT_FDCWD, (dir / "etc/hosts").c_str(), times, 0), 0);
+  EXPECT_EQ(R(Scan()), kCompleted);
+  EXPECT_EQ(Changes(dir / "etc/hosts", pax::modification::kObjectAttributesChanged), 1u);
+  EXPECT_TRUE(HasField(ScanEvents(), dir / "etc/hosts", pax::field::kLastModificationTime));
+  EXPECT_EQ(Changes(dir / "etc/hosts", pax::modification::kObjectContentChanged), 0u);
+}
+
+// With access times reported, a scan must not report its own reads.
+TEST_F(OnDemandModuleTest, AScanDoesNotReportTheAccessTimesOfItsOwnReads) {
+  settings.reportAccessTime = true;
+  // Access times older than the modification times: relatime would update
+  // them on the next read.
+  const timespec times[2] = {{946684800, 0}, {0, UTIME_OMIT}};
+  for (const char* path : {"etc", "etc/ssl", "bin", "etc/passwd", "etc/hosts"})
+    ASSERT_EQ(::utimensat(AT_FDCWD, (dir / path).c_str(), times, 0), 0);
+  ASSERT_EQ(R(Scan()), kCompleted);
+  EXPECT_EQ(R(Scan()), kCompleted);
+  EXPECT_EQ(Count(pax::event_type::kSystemIntegrityIssue), 0u);
+  EXPECT_EQ(Count(pax::event_type::kSystemIntegrityOk), 1u);
+}
+
+// Files replaced atomically (an editor's save, a package upgrade) while the
+// walk runs: every run completes, and the files come back as what they are.
+TEST_F(OnDemandModuleTest, AReplaceLoopRacingTheWalkNeverFailsTheRun) {
+  constexpr int kFiles = 100;
+  for (int i = 0; i < kFiles; ++i)
+    arvo::test::WriteFile(dir / ("etc/r" + std::to_string(i)), "version 0");
+  std::atomic<bool> done{false};
+  std::atomic<int> replacements{0};
+  std::thread writer([&] {
+    for (int version = 1; !done; ++version) {
+      const std::string target = dir / ("etc/r" + std::to_string(version % kFiles));
+      arvo::test::WriteFile(target + ".tmp", "version " + std::to_string(version));
+      (void)::rename((target + ".tmp").c_str(), target.c_str());
+      ++replacements;
+      std::this_thread::sleep_for(std::chrono::microseconds(300));
+    }
+  });
+  std::vector<Report> reports;
+  for (int scan = 0; scan < 4; ++scan) reports.push_back(R(Scan()));
+  done = true;
+  writer.join();
+  for (const Report& report : reports) EXPECT_EQ(report, kCompleted);
+  EXPECT_GT(replacements.load(), 0);
 }
 
 }  // namespace
