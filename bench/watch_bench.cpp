@@ -38,8 +38,8 @@
 #include <thread>
 #include <vector>
 
-#include "host/inotify_provider.h"
-#include "host/scoped_fd.h"
+#include "host/watch/inotify_provider.h"
+#include "host/util/scoped_fd.h"
 #include "orn/simple_object.h"
 
 extern char** environ;

@@ -22,12 +22,12 @@
 #include <vector>
 
 #include "app_core/task_manager/task/task.h"
-#include "host/file_factory.h"
-#include "host/path_matcher.h"
-#include "host/persistent_storage.h"
-#include "host/sha256_provider.h"
-#include "host/storage_serializer.h"
-#include "host/task_info_provider.h"
+#include "host/services/file_factory.h"
+#include "host/services/path_matcher.h"
+#include "host/storage/persistent_storage.h"
+#include "host/services/sha256_provider.h"
+#include "host/storage/storage_serializer.h"
+#include "host/services/task_info_provider.h"
 #include "orn/ref_ptr.h"
 #include "pax/enumerations.h"
 #include "pax/fim_tasks.h"

@@ -1,0 +1,89 @@
+#include "host/cli/cli.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace arvo::host {
+namespace {
+
+bool Parse(std::vector<const char*> args, CommandLine& line, std::string& error) {
+  args.insert(args.begin(), "arvo-fim");
+  return ParseCommandLine(static_cast<int>(args.size()), args.data(), line, error);
+}
+
+TEST(CliTest, WatchTakesGlobalAndOwnOptionsAndPaths) {
+  CommandLine line;
+  std::string error;
+  ASSERT_TRUE(Parse({"--module", "/m.so", "--trace-level=800", "watch", "/a", "--exclude", "*.o",
+                     "--exclude=*.tmp", "--format", "text", "--output=/out", "--detections",
+                     "--trace-file", "/t", "--", "--not-an-option"},
+                    line, error))
+      << error;
+  EXPECT_EQ(line.command, Command::kWatch);
+  EXPECT_EQ(line.modulePath, "/m.so");
+  EXPECT_EQ(line.traceLevel, 800u);
+  EXPECT_EQ(line.traceFile, "/t");
+  EXPECT_EQ(line.excludes, (std::vector<std::string>{"*.o", "*.tmp"}));
+  EXPECT_EQ(line.format, OutputFormat::kText);
+  EXPECT_EQ(line.outputFile, "/out");
+  EXPECT_TRUE(line.detections);
+  EXPECT_EQ(line.paths, (std::vector<std::string>{"/a", "--not-an-option"}));
+}
+
+TEST(CliTest, ScanAndDaemonFlags) {
+  CommandLine scan;
+  std::string error;
+  ASSERT_TRUE(Parse({"scan", "--config", "c.toml", "--no-hash", "--auto-update", "--report-atime"},
+                    scan, error))
+      << error;
+  EXPECT_EQ(scan.command, Command::kScan);
+  EXPECT_EQ(scan.configFile, "c.toml");
+  EXPECT_EQ(scan.hash, false);
+  EXPECT_TRUE(scan.autoUpdate && scan.reportAccessTime);
+  EXPECT_EQ(scan.traceLevel, 300u);
+
+  CommandLine daemon;
+  ASSERT_TRUE(Parse({"daemon", "--config", "c.toml", "--interval", "60", "--hash"}, daemon, error));
+  EXPECT_EQ(daemon.intervalSeconds, 60u);
+  EXPECT_EQ(daemon.hash, true);
+
+  CommandLine list;
+  ASSERT_TRUE(Parse({"modules"}, list, error));
+  EXPECT_EQ(list.command, Command::kList);
+  CommandLine version;
+  ASSERT_TRUE(Parse({"--module", "x.so", "--version"}, version, error));
+  EXPECT_EQ(version.command, Command::kVersion);
+}
+
+TEST(CliTest, BadUsageIsExplained) {
+  struct Case {
+    std::vector<const char*> args;
+    const char* error;
+  };
+  const Case cases[] = {
+      {{}, "no command given"},
+      {{"frobnicate"}, "unknown command 'frobnicate'"},
+      {{"--trace-level", "400", "list"}, "invalid trace level '400'"},
+      {{"--trace-level"}, "option --trace-level needs a value"},
+      {{"watch", "--hash"}, "unknown option '--hash' for 'watch'"},
+      {{"scan", "--interval", "5"}, "unknown option '--interval' for 'scan'"},
+      {{"scan", "--format", "xml"}, "invalid format 'xml'"},
+      {{"scan", "--auto-update=yes"}, "option --auto-update takes no value"},
+      {{"daemon", "--interval", "0"}, "invalid interval '0'"},
+      {{"daemon", "--interval", "1x"}, "invalid interval '1x'"},
+      {{"list", "/path"}, "unexpected argument '/path' for 'list'"},
+      {{"watch", "--config="}, "option --config needs a non-empty value"},
+      {{"--detections", "watch"}, "unknown option '--detections'"},
+  };
+  for (const Case& c : cases) {
+    CommandLine line;
+    std::string error;
+    EXPECT_FALSE(Parse(c.args, line, error)) << c.error;
+    EXPECT_EQ(error.rfind(c.error, 0), 0u) << "expected: " << c.error << "\ngot: " << error;
+  }
+}
+
+}  // namespace
+}  // namespace arvo::host

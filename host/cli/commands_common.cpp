@@ -1,0 +1,50 @@
+#include "host/cli/commands_common.h"
+
+#include "host/util/private_directory.h"
+
+#include <cstdio>
+
+namespace arvo::host {
+
+int Fail(const std::string& message, int code) {
+  std::fprintf(stderr, "arvo-fim: %s\n", message.c_str());
+  return code;
+}
+
+bool BuildMonitorConfig(const CommandLine& line, MonitorConfig& config, std::string& error) {
+  if (!line.configFile.empty() && !LoadConfigFile(line.configFile, config, error)) return false;
+  if (!AddAreas(line.paths, config, error)) return false;
+  AddExclusions(line.excludes, config);
+  pax::settings::ODFIMSettings& s = config.settings;
+  if (line.hash) s.computeContentHash = *line.hash;
+  s.autoUpdateBaseline = s.autoUpdateBaseline || line.autoUpdate;
+  s.reportAccessTime = s.reportAccessTime || line.reportAccessTime;
+  if (s.scanAreas.empty()) {
+    error = "nothing to monitor: give PATH arguments or [[area]] entries in a --config file";
+    return false;
+  }
+  return true;
+}
+
+bool LoadModule(const CommandLine& line, ModuleLoader& module, std::string& error) {
+  return module.Load(ResolveModulePath(line.modulePath), error);
+}
+
+bool PrepareMonitorCommand(const CommandLine& line, bool onDemand, MonitorConfig& config,
+                           ModuleLoader& module, std::string& error) {
+  return BuildMonitorConfig(line, config, error) &&
+         (!onDemand || EnsureParentDirectory(DatabaseFile(), error)) &&
+         LoadModule(line, module, error);
+}
+
+RuntimeSetup MonitorSetup(const CommandLine& line, const MonitorConfig& config) {
+  RuntimeSetup setup;
+  setup.traceLevel = line.traceLevel;
+  setup.traceFile = line.traceFile;
+  setup.outputFile = line.outputFile;
+  setup.format = line.format;
+  setup.config = &config;
+  return setup;
+}
+
+}  // namespace arvo::host

@@ -1,0 +1,37 @@
+// arvo-fim: parses the command line and runs one command.
+#include <cstdio>
+#include <string>
+
+#include "host/cli/cli.h"
+#include "host/cli/commands_common.h"
+#include "host/cli/commands_daemon.h"
+#include "host/cli/commands_list.h"
+#include "host/cli/commands_scan.h"
+#include "host/cli/commands_version.h"
+#include "host/cli/commands_watch.h"
+
+int main(int argc, char** argv) {
+  using namespace arvo::host;
+  CommandLine line;
+  std::string error;
+  if (!ParseCommandLine(argc, argv, line, error)) {
+    std::fprintf(stderr, "arvo-fim: %s\n%s\n", error.c_str(), UsageLine());
+    return kExitFailure;
+  }
+  switch (line.command) {
+    case Command::kHelp:
+      std::fputs(HelpText(), stdout);
+      return kExitOk;
+    case Command::kVersion:
+      return RunVersionCommand(line);
+    case Command::kList:
+      return RunListCommand(line);
+    case Command::kWatch:
+      return RunWatchCommand(line);
+    case Command::kScan:
+      return RunScanCommand(line);
+    case Command::kDaemon:
+      return RunDaemonCommand(line);
+  }
+  return kExitFailure;
+}

@@ -1,0 +1,56 @@
+// The on-demand monitor driven the way a host task manager drives it: one
+// task object, and per run Start -> wait for the stop report -> Stop.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "app_core/task_manager/task/task.h"
+#include "host/runtime/host_runtime.h"
+#include "host/runtime/signal_watch.h"
+#include "host/services/stop_sink.h"
+#include "orn/ref_ptr.h"
+#include "pax/settings/fim_settings.h"
+
+namespace arvo::host {
+
+struct RunOutcome {
+  enum class Kind {
+    kCompleted,    // the task reported success
+    kFailed,       // Start failed, or the task reported a failure
+    kInterrupted,  // a signal arrived and the task reported "interrupted" (result 1)
+  };
+  Kind kind = Kind::kFailed;
+  orn::result_t result = 0;  // the task's (or Start's) result
+  std::string reason;        // the task's reason text (narrow)
+  std::uint64_t issues = 0;  // "SystemIntegrityIssue" events of this run
+  int signal = 0;            // the signal that arrived during the run, or 0
+};
+
+// Used by one thread. The runtime must outlive the monitor.
+class OnDemandMonitor {
+ public:
+  explicit OnDemandMonitor(const HostRuntime& runtime) : m_runtime(runtime) {}
+  OnDemandMonitor(const OnDemandMonitor&) = delete;
+  OnDemandMonitor& operator=(const OnDemandMonitor&) = delete;
+
+  // Creates the task and hands it its settings.
+  bool Create(const pax::settings::ODFIMSettings& settings, std::string& error);
+
+  // One run under `sessionId`. Waits for the stop report or for a signal of
+  // `signals` (then asks the task to stop and waits for its report); calls
+  // `tick` every `tickMs` while waiting when both are set.
+  RunOutcome Run(app_core::task_manager::task::TaskSessionId sessionId, SignalWatch& signals,
+                 const std::function<void()>& tick = {}, int tickMs = -1);
+
+  // Releases the task (its last reference).
+  void Release() { m_task.Reset(); }
+
+ private:
+  const HostRuntime& m_runtime;
+  orn::RefPtr<app_core::task_manager::task::ITask> m_task;
+  orn::RefPtr<StopSink> m_stopSink = orn::MakeSimple<StopSink>();
+};
+
+}  // namespace arvo::host

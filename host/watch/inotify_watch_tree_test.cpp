@@ -1,0 +1,139 @@
+#include "host/watch/inotify_watch_tree.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <map>
+#include <utility>
+
+#include "host/util/test_temp_dir.h"
+#include "orn/simple_object.h"
+#include "pax/enumerations.h"
+#include "tests/fake_host.h"
+
+namespace arvo::host {
+namespace {
+
+// Behaves like the kernel (one descriptor per directory, the same one when a
+// directory is watched again) and runs out of watches at `limit`.
+class FakeRegistrar final : public IWatchRegistrar {
+ public:
+  std::size_t limit = 1000;
+  std::map<std::pair<dev_t, ino_t>, int> live;
+
+  int AddWatch(int dirFd, const std::string&) override {
+    struct stat st;
+    if (::fstat(dirFd, &st) != 0) return -errno;
+    const auto key = std::make_pair(st.st_dev, st.st_ino);
+    if (const auto it = live.find(key); it != live.end()) return it->second;
+    if (live.size() >= limit) return -ENOSPC;
+    return live[key] = m_next++;
+  }
+  void RemoveWatch(int wd) override {
+    std::erase_if(live, [wd](const auto& entry) { return entry.second == wd; });
+  }
+  int WdOf(const std::string& path) const {
+    struct stat st;
+    if (::stat(path.c_str(), &st) != 0) return -1;
+    const auto it = live.find({st.st_dev, st.st_ino});
+    return it == live.end() ? -1 : it->second;
+  }
+
+ private:
+  int m_next = 1;
+};
+
+class NullReceiver final : public orn::SimpleObject<pax::IInotifyEventsReceiver> {
+ public:
+  orn::result_t OnEvent(const pax::InotifyEvent&) override { return orn::errors::kOk; }
+  orn::result_t GetName(orn::types::string8_t& name) const override {
+    name = "null";
+    return orn::errors::kOk;
+  }
+};
+
+class InotifyWatchTreeTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    for (const char* d : {"a", "a/x", "b", "b/x", "c", "c/x"}) {
+      ASSERT_EQ(::mkdir((dir / d).c_str(), 0755), 0);
+    }
+  }
+  test::TempDir dir;
+  FakeRegistrar registrar;
+  orn::RefPtr<test::RecordingTracer> tracer = orn::MakeSimple<test::RecordingTracer>();
+  InotifyWatchTree tree{registrar, tracer.Get()};
+  orn::RefPtr<NullReceiver> first = orn::MakeSimple<NullReceiver>();
+  orn::RefPtr<NullReceiver> second = orn::MakeSimple<NullReceiver>();
+};
+
+TEST_F(InotifyWatchTreeTest, RunningOutOfWatchesUndoesOnlyTheFailedSubscription) {
+  std::size_t directories = 0;
+  ASSERT_EQ(tree.Subscribe(first.Get(), dir / "a", IN_CREATE, &directories), 0);
+  EXPECT_EQ(directories, 2u);
+  registrar.limit = registrar.live.size() + 3;  // root, b, b/x fit; c does not
+  EXPECT_LT(tree.Subscribe(second.Get(), dir.Path(), IN_CREATE, &directories), 0);
+  EXPECT_EQ(registrar.live.size(), 2u);  // the first subscription's watches, shared ones too
+  EXPECT_EQ(tree.WatchCount(), 2u);
+  const auto errors = tracer->Texts(orn::kTraceLevelError);
+  ASSERT_EQ(errors.size(), 1u);
+  EXPECT_NE(errors[0].find("/proc/sys/fs/inotify/max_user_watches"), std::string::npos);
+  EXPECT_NE(errors[0].find("sysctl fs.inotify.max_user_watches="), std::string::npos);
+  EXPECT_EQ(tree.Unsubscribe(first.Get()).size(), 1u);
+  EXPECT_TRUE(registrar.live.empty());
+}
+
+TEST_F(InotifyWatchTreeTest, RunningOutOfWatchesInANewDirectoryIsReported) {
+  ASSERT_EQ(tree.Subscribe(first.Get(), dir.Path(), IN_CREATE, nullptr), 0);
+  ASSERT_EQ(::mkdir((dir / "new").c_str(), 0755), 0);
+  ASSERT_EQ(::mkdir((dir / "new/deep").c_str(), 0755), 0);
+  registrar.limit = registrar.live.size() + 1;
+  RawInotifyEvent created;
+  created.wd = registrar.WdOf(dir.Path());
+  created.mask = IN_CREATE | IN_ISDIR;
+  created.name = "new";
+  std::vector<InotifyDelivery> out;
+  tree.Translate(created, out);
+  ASSERT_GE(out.size(), 2u);
+  EXPECT_EQ(out[0].event.mask, pax::modification::kObjectCreated);
+  EXPECT_EQ(out[0].event.path, dir / "new");
+  EXPECT_NE(out[1].event.error.find("watch limit reached"), std::string::npos);
+  EXPECT_GE(registrar.WdOf(dir / "new"), 0);  // what fitted stays watched
+}
+
+TEST_F(InotifyWatchTreeTest, ACatchUpEntryIsReportedOnceUntilTheQueueIsDrained) {
+  ASSERT_EQ(tree.Subscribe(first.Get(), dir.Path(), IN_CREATE | IN_DELETE, nullptr), 0);
+  ASSERT_EQ(::mkdir((dir / "new").c_str(), 0755), 0);
+  ASSERT_EQ(::close(::creat((dir / "new/f").c_str(), 0644)), 0);
+  auto record = [&](const std::string& parent, std::uint32_t mask, const char* name) {
+    RawInotifyEvent r;
+    r.wd = registrar.WdOf(parent);
+    r.mask = mask;
+    r.name = name;
+    std::vector<InotifyDelivery> out;
+    tree.Translate(r, out);
+    return out;
+  };
+  // The directory's record starts a catch-up walk that finds the file...
+  const auto created = record(dir.Path(), IN_CREATE | IN_ISDIR, "new");
+  ASSERT_EQ(created.size(), 2u);
+  EXPECT_EQ(created[1].event.path, dir / "new/f");
+  // ...so the file's own record, queued meanwhile, repeats nothing.
+  EXPECT_TRUE(record(dir / "new", IN_CREATE, "f").empty());
+  // A deletion and a new creation under the same name are real changes.
+  EXPECT_EQ(record(dir / "new", IN_DELETE, "f").size(), 1u);
+  EXPECT_EQ(record(dir / "new", IN_CREATE, "f").size(), 1u);
+  // Once the queue has been drained, catch-up entries are forgotten.
+  ASSERT_EQ(::close(::creat((dir / "new/g").c_str(), 0644)), 0);
+  ASSERT_EQ(::mkdir((dir / "other").c_str(), 0755), 0);
+  ASSERT_EQ(::close(::creat((dir / "other/g").c_str(), 0644)), 0);
+  EXPECT_EQ(record(dir.Path(), IN_CREATE | IN_ISDIR, "other").size(), 2u);
+  tree.ForgetCatchUp();
+  EXPECT_EQ(record(dir / "other", IN_CREATE, "g").size(), 1u);
+}
+
+}  // namespace
+}  // namespace arvo::host
