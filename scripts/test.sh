@@ -17,6 +17,10 @@ failed_legs=()
 
 run_leg() {
   local leg=$1 dir="$here/build-test/$1" label="" cmake_args=(-DARVO_BUILD_BENCH=OFF)
+  # A compiler cache, where installed, makes a rerun on the same machine cheap.
+  if command -v ccache > /dev/null; then
+    cmake_args+=(-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+  fi
   case "$leg" in
     native) ;;
     asan) cmake_args+=("-DARVO_SANITIZE=address;undefined") ;;
