@@ -11,32 +11,15 @@
 #include <vector>
 
 #include "host/storage/byte_codec.h"
+#include "host/storage/memory_node.h"
 #include "host/storage/storage_serializer.h"
 #include "host/storage/value_codec.h"
-#include "orn/simple_object.h"
 #include "settings/fim_settings_serial.h"
 
 namespace {
 
 using Blob = orn::types::blob_t;
 using pax::settings::ODFIMSettings;
-
-class MemoryNode final : public orn::SimpleObject<orn::IStorageNode> {
- public:
-  orn::result_t GetName(orn::types::string8_t& name) const override {
-    name = "fuzz";
-    return 0;
-  }
-  orn::result_t GetValue(Blob& value) const override {
-    value = m_value;
-    return 0;
-  }
-  orn::result_t SetValue(const Blob& value) override {
-    m_value = value;
-    return 0;
-  }
-  Blob m_value;
-};
 
 Blob SettingsHeader() {
   const orn::serial::TypeDescriptor& type = orn::serial::SerializableType<ODFIMSettings>::Get();
@@ -55,7 +38,7 @@ void FuzzSerializer(Blob blob) {
     if (ORN_FAILED(arvo::host::CreateStorageSerializer(s))) std::abort();
     return s;
   }();
-  auto node = orn::MakeSimple<MemoryNode>();
+  auto node = orn::MakeSimple<arvo::host::MemoryNode>();
   node->m_value = std::move(blob);
   orn::Any record;
   if (ORN_FAILED(serializer->Deserialize(record, node.Get(), 0, nullptr))) {
