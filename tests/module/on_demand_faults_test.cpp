@@ -163,7 +163,7 @@ TEST_F(OnDemandFaultTest, AWalkThatFailsKeepsNothingAndTheNextRunReportsItsChang
     bool hash;
   };
   std::vector<Fault> cases = {{"hash", 0, true}};
-  // Every open the walk makes, in turn: 4 files have content to hash.
+  // Each of the first four opens in turn (every file with content is opened).
   for (int n = 1; n <= 4; ++n) cases.push_back({"open #" + std::to_string(n), n, false});
 
   int round = 0;
