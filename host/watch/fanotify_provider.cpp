@@ -42,14 +42,6 @@ constexpr std::uint64_t kMarkMask =
 constexpr std::uint64_t kMarkMaskWithoutRename =
     FAN_CREATE | FAN_DELETE | FAN_MODIFY | FAN_ATTRIB | FAN_MOVED_FROM | FAN_MOVED_TO | FAN_ONDIR;
 
-std::uint64_t FsidOf(const struct statfs& st) {
-  std::int32_t val[2];
-  static_assert(sizeof val == sizeof st.f_fsid);
-  std::memcpy(val, &st.f_fsid, sizeof val);
-  return (static_cast<std::uint64_t>(static_cast<std::uint32_t>(val[0])) << 32) |
-         static_cast<std::uint32_t>(val[1]);
-}
-
 std::string PathOfFd(int fd) {
   char link[64];
   std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
@@ -76,13 +68,17 @@ class FanotifyCore {
   void RequestStop();
 
  private:
-  orn::result_t Mark(const std::string& directory, int dirFd, std::uint64_t fsid);
-  bool WaitForRecords();
+  orn::result_t Mark(const std::string& directory, const std::string& realRoot, int dirFd,
+                     std::uint64_t fsid);
+  // Returns false to stop; `mountsChanged` is set when the mount table changed.
+  bool WaitForRecords(bool& mountsChanged);
+  void CheckMounts();
   void Deliver(const std::vector<InotifyDelivery>& deliveries, const ProcessOrigin* origin);
 
   const orn::RefPtr<orn::ITracer> m_tracer;
   const ScopedFd m_fanotify;
   const ScopedFd m_wake;
+  const ScopedFd m_mountinfo{::open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC)};
   const std::uint64_t m_markMask;
   const pid_t m_self = ::getpid();
   std::atomic<bool> m_stop{false};
@@ -95,7 +91,8 @@ class FanotifyCore {
   pax::IInotifyEventsReceiver* m_delivering = nullptr;  // guarded by m_mutex
 };
 
-orn::result_t FanotifyCore::Mark(const std::string& directory, int dirFd, std::uint64_t fsid) {
+orn::result_t FanotifyCore::Mark(const std::string& directory, const std::string& realRoot,
+                                 int dirFd, std::uint64_t fsid) {
   if (m_resolver.Knows(fsid)) return orn::errors::kOk;
   int kind = FAN_MARK_FILESYSTEM;
   if (::fanotify_mark(m_fanotify.Get(), FAN_MARK_ADD | FAN_MARK_FILESYSTEM, m_markMask, dirFd,
@@ -107,12 +104,7 @@ orn::result_t FanotifyCore::Mark(const std::string& directory, int dirFd, std::u
                           "fanotify\tCannot mark the file system of '" << directory << "'");
     }
   }
-  ScopedFd mountFd(::openat(dirFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!mountFd.Valid()) {
-    return ORN_CHECK_AS(Tracer(), orn::ResultFromErrno(errno), "openat(O_PATH)",
-                        "fanotify\tCannot keep a descriptor on '" << directory << "'");
-  }
-  m_resolver.AddFileSystem(fsid, std::move(mountFd));
+  m_resolver.AddFileSystem(fsid, realRoot);
   ORN_TRACE(Tracer(), orn::kTraceLevelDetail)
       << "fanotify\tMarked the " << (kind == FAN_MARK_FILESYSTEM ? "file system" : "mount")
       << " of '" << directory << "'";
@@ -129,16 +121,12 @@ orn::result_t FanotifyCore::Subscribe(pax::IInotifyEventsReceiver* receiver,
     return ORN_CHECK_AS(Tracer(), r, "open(directory)",
                         "fanotify\tCannot watch '" << directory << "'");
   }
-  struct statfs st {};
-  if (::fstatfs(dirFd.Get(), &st) != 0) {
-    return ORN_CHECK_AS(Tracer(), orn::ResultFromErrno(errno), "fstatfs(directory)",
-                        "fanotify\tCannot watch '" << directory << "'");
-  }
-  const std::string realRoot = PathOfFd(dirFd.Get());
+  const std::uint64_t fsid = FileSystemIdOf(dirFd.Get());
+  std::string realRoot = PathOfFd(dirFd.Get());
+  if (realRoot.empty()) realRoot = directory;
   std::lock_guard lock(m_mutex);
-  if (const orn::result_t r = Mark(directory, dirFd.Get(), FsidOf(st)); ORN_FAILED(r)) return r;
-  (void)m_scope.Add(receiver, directory, realRoot.empty() ? directory : realRoot,
-                    mask & kSubscribableMask);
+  if (const orn::result_t r = Mark(directory, realRoot, dirFd.Get(), fsid); ORN_FAILED(r)) return r;
+  (void)m_scope.Add(receiver, directory, realRoot, fsid, mask & kSubscribableMask);
   ORN_TRACE(Tracer(), orn::kTraceLevelDetail)
       << "fanotify\tWatching '" << directory << "' (mask 0x" << std::hex << mask << std::dec
       << "): " << m_resolver.FileSystems() << " file system mark(s)";
@@ -163,10 +151,12 @@ void FanotifyCore::Run() {
   std::vector<char> buffer(64 * 1024);
   std::vector<FanotifyRecord> records;
   std::vector<InotifyDelivery> deliveries;
-  while (WaitForRecords()) {
+  bool mountsChanged = false;
+  while (WaitForRecords(mountsChanged)) {
+    if (mountsChanged) CheckMounts();
     const ssize_t n = ::read(m_fanotify.Get(), buffer.data(), buffer.size());
     if (n < 0) {
-      if (errno == EAGAIN || errno == EINTR) continue;
+      if (errno == EAGAIN || errno == EINTR) continue;  // woken by the mount table
       (void)ORN_CHECK_AS(Tracer(), orn::ResultFromErrno(errno), "read(fanotify)",
                          "fanotify\tCannot read fanotify records: delivery stops");
       return;
@@ -187,10 +177,34 @@ void FanotifyCore::Run() {
   }
 }
 
-bool FanotifyCore::WaitForRecords() {
-  struct pollfd fds[2] = {{m_fanotify.Get(), POLLIN, 0}, {m_wake.Get(), POLLIN, 0}};
+// A watched file system that was unmounted takes its mark with it: its
+// subscriptions are told that coverage is lost there.
+void FanotifyCore::CheckMounts() {
+  std::vector<InotifyDelivery> deliveries;
+  {
+    std::lock_guard lock(m_mutex);
+    for (const std::uint64_t fsid : m_resolver.DropUnmounted())
+      m_scope.EmitUnmounted(fsid, deliveries);
+  }
+  Deliver(deliveries, nullptr);
+}
+
+bool FanotifyCore::WaitForRecords(bool& mountsChanged) {
+  struct pollfd fds[3] = {
+      {m_fanotify.Get(), POLLIN, 0}, {m_wake.Get(), POLLIN, 0}, {m_mountinfo.Get(), POLLPRI, 0}};
+  mountsChanged = false;
   while (!m_stop.load()) {
-    if (::poll(fds, 2, -1) >= 0) return !m_stop.load();
+    if (::poll(fds, m_mountinfo.Valid() ? 3 : 2, -1) >= 0) {
+      if (fds[2].revents & (POLLPRI | POLLERR)) {
+        // The change is acknowledged by reading the table again.
+        char buffer[4096];
+        (void)::lseek(m_mountinfo.Get(), 0, SEEK_SET);
+        while (::read(m_mountinfo.Get(), buffer, sizeof buffer) > 0) {
+        }
+        mountsChanged = true;
+      }
+      return !m_stop.load();
+    }
     if (errno != EINTR) {
       (void)ORN_CHECK_AS(Tracer(), orn::ResultFromErrno(errno), "poll(fds, 2, -1)",
                          "fanotify\tCannot wait for fanotify records: delivery stops");

@@ -3,7 +3,9 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <sys/inotify.h>
+#include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -51,6 +53,15 @@ class Recorder final : public orn::SimpleObject<pax::IInotifyEventsReceiver> {
   orn::result_t GetName(orn::types::string8_t& name) const override {
     name = "recorder";
     return orn::errors::kOk;
+  }
+  bool WaitForError(const std::string& needle) {
+    std::unique_lock lock(m_mutex);
+    return m_changed.wait_for(lock, kPatience, [&] {
+      for (const Seen& s : m_seen) {
+        if (s.event.error.find(needle) != std::string::npos) return true;
+      }
+      return false;
+    });
   }
   bool Has(const std::string& path) {
     std::lock_guard lock(m_mutex);
@@ -151,6 +162,69 @@ TEST_F(FanotifyProviderTest, ItsOwnChangesAreNotReported) {
   ::waitpid(child, nullptr, 0);
   // Records are delivered in order: "own" came first, so it would be here.
   EXPECT_FALSE(m_recorder->Has(m_dir / "own"));
+}
+
+// Kernel objects this process holds, as /proc/self/fdinfo lists them.
+int CountFdinfoLines(const char* prefix) {
+  int count = 0;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fdinfo")) {
+    std::ifstream in(entry.path());
+    std::string line;
+    while (std::getline(in, line)) count += line.rfind(prefix, 0) == 0;
+  }
+  return count;
+}
+
+TEST_F(FanotifyProviderTest, ALargeTreeNeedsOneMarkAndNoWatches) {
+  // 20,000 directories: 100 of 199 each, plus a chain 100 deep.
+  std::string deepest = m_dir.Path();
+  for (int i = 0; i < 100; ++i) {
+    const std::string top = m_dir / ("d" + std::to_string(i));
+    ASSERT_EQ(::mkdir(top.c_str(), 0755), 0);
+    for (int j = 0; j < 199; ++j) (void)::mkdir((top + "/" + std::to_string(j)).c_str(), 0755);
+    deepest += "/c";
+    ASSERT_EQ(::mkdir(deepest.c_str(), 0755), 0);
+  }
+  const int inotifyBefore = CountFdinfoLines("inotify wd:");
+  ASSERT_EQ(m_provider->Subscribe(m_recorder.Get(), m_dir.Path(), kAll), orn::errors::kOk);
+  EXPECT_EQ(CountFdinfoLines("inotify wd:"), inotifyBefore);
+  EXPECT_EQ(CountFdinfoLines("fanotify "), 1) << "one mark for the one file system";
+  int release = -1;
+  const pid_t child = Spawn("echo x > '" + deepest + "/f'", release);  // not our own change
+  EXPECT_TRUE(m_recorder->WaitFor(mod::kObjectCreated, deepest + "/f"));
+  ::close(release);
+  ::waitpid(child, nullptr, 0);
+}
+
+// In a mount namespace of its own (a child process, so the test binary's
+// namespace stays as it was): a watched file system is unmounted while
+// watched. The watch must not keep it busy, and its subscription is told.
+TEST_F(FanotifyProviderTest, UnmountingAWatchedFileSystemIsToldAndNotPrevented) {
+  const pid_t child = ::fork();
+  if (child == 0) {
+    const std::string mnt = m_dir / "mnt";
+    if (::unshare(CLONE_NEWNS) != 0 ||
+        ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+      ::_exit(77);
+    if (::mkdir(mnt.c_str(), 0755) != 0 || ::mount("tmpfs", mnt.c_str(), "tmpfs", 0, nullptr) != 0)
+      ::_exit(77);
+    orn::RefPtr<pax::IInotifyEventsProvider> provider;
+    std::string why;
+    auto recorder = orn::MakeSimple<Recorder>();
+    if (ORN_FAILED(CreateFanotifyProvider(nullptr, provider, why)) ||
+        ORN_FAILED(provider->Subscribe(recorder.Get(), mnt, kAll)))
+      ::_exit(77);  // e.g. a kernel whose tmpfs has no file handles
+    if (::umount2(mnt.c_str(), 0) != 0) ::_exit(1);
+    const bool told = recorder->WaitForError("unmounted");
+    (void)provider->Unsubscribe(recorder.Get());
+    ::_exit(told ? 0 : 2);
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFEXITED(status));
+  if (WEXITSTATUS(status) == 77) GTEST_SKIP() << "no private mount namespace or tmpfs mark here";
+  EXPECT_NE(WEXITSTATUS(status), 1) << "the watch kept the file system busy";
+  EXPECT_EQ(WEXITSTATUS(status), 0) << "no coverage-lost event for the unmount";
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <limits.h>
+#include <sys/statfs.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -21,8 +22,32 @@ bool IsAtOrBelow(const std::string& path, const std::string& root) {
   return path.size() == root.size() || root == "/" || path[root.size()] == '/';
 }
 
-void FanotifyResolver::AddFileSystem(std::uint64_t fsid, ScopedFd mountFd) {
-  m_mounts.try_emplace(fsid, std::move(mountFd));
+std::uint64_t FileSystemIdOf(int fd) {
+  struct statfs st {};
+  if (::fstatfs(fd, &st) != 0) return 0;
+  std::int32_t val[2];
+  static_assert(sizeof val == sizeof st.f_fsid);
+  std::memcpy(val, &st.f_fsid, sizeof val);
+  return (static_cast<std::uint64_t>(static_cast<std::uint32_t>(val[0])) << 32) |
+         static_cast<std::uint32_t>(val[1]);
+}
+
+void FanotifyResolver::AddFileSystem(std::uint64_t fsid, std::string directory) {
+  m_mounts.try_emplace(fsid, std::move(directory));
+}
+
+std::vector<std::uint64_t> FanotifyResolver::DropUnmounted() {
+  std::vector<std::uint64_t> gone;
+  for (auto it = m_mounts.begin(); it != m_mounts.end();) {
+    const ScopedFd fd(::open(it->second.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (fd.Valid() && FileSystemIdOf(fd.Get()) == it->first) {
+      ++it;
+      continue;
+    }
+    gone.push_back(it->first);
+    it = m_mounts.erase(it);
+  }
+  return gone;
 }
 
 std::string FanotifyResolver::KeyOf(const FanotifyDirectory& directory) {
@@ -34,13 +59,15 @@ std::string FanotifyResolver::KeyOf(const FanotifyDirectory& directory) {
 std::optional<std::string> FanotifyResolver::Open(const FanotifyDirectory& directory) const {
   const auto mount = m_mounts.find(directory.fsid);
   if (mount == m_mounts.end()) return std::nullopt;
+  const ScopedFd mountFd(::open(mount->second.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  if (!mountFd.Valid() || FileSystemIdOf(mountFd.Get()) != directory.fsid) return std::nullopt;
   std::vector<char> storage(sizeof(file_handle) + directory.handle.size());
   auto* handle = reinterpret_cast<file_handle*>(storage.data());
   handle->handle_bytes = static_cast<unsigned>(directory.handle.size());
   handle->handle_type = directory.handleType;
   std::memcpy(storage.data() + sizeof(file_handle), directory.handle.data(),
               directory.handle.size());
-  const ScopedFd fd(::open_by_handle_at(mount->second.Get(), handle, O_PATH | O_CLOEXEC));
+  const ScopedFd fd(::open_by_handle_at(mountFd.Get(), handle, O_PATH | O_CLOEXEC));
   if (!fd.Valid()) return std::nullopt;
   char link[64];
   std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd.Get());

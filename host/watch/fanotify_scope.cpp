@@ -155,6 +155,17 @@ void FanotifyScope::Emit(std::uint64_t id, const Subscription& sub, std::uint32_
   out.push_back(std::move(delivery));
 }
 
+void FanotifyScope::EmitUnmounted(std::uint64_t fsid, std::vector<InotifyDelivery>& out) const {
+  for (const auto& [id, sub] : m_subs) {
+    if (sub.fsid != fsid) continue;
+    InotifyDelivery delivery;
+    delivery.subscription = id;
+    delivery.event.path = sub.root;
+    delivery.event.error = "file system unmounted: changes are no longer seen under " + sub.root;
+    out.push_back(std::move(delivery));
+  }
+}
+
 void FanotifyScope::EmitOverflow(std::vector<InotifyDelivery>& out) const {
   for (const auto& [id, sub] : m_subs) {
     InotifyDelivery delivery;

@@ -30,7 +30,7 @@ class FanotifyScope {
   // Adds a subscription of `receiver` to the tree at `root` (as given) whose
   // directory resolves to `realRoot`. Returns its id.
   std::uint64_t Add(pax::IInotifyEventsReceiver* receiver, const std::string& root,
-                    const std::string& realRoot, std::uint32_t mask);
+                    const std::string& realRoot, std::uint64_t fsid, std::uint32_t mask);
   // Drops every subscription of `receiver`; returns the references it held,
   // for the caller to release outside its lock.
   std::vector<orn::RefPtr<pax::IInotifyEventsReceiver>> Remove(
@@ -42,12 +42,16 @@ class FanotifyScope {
   // `resolver`, which learns of directories moved or deleted.
   void Translate(const FanotifyRecord& record, FanotifyResolver& resolver,
                  std::vector<InotifyDelivery>& out) const;
+  // Appends an error event for each subscription on file system `fsid`,
+  // which was unmounted.
+  void EmitUnmounted(std::uint64_t fsid, std::vector<InotifyDelivery>& out) const;
 
  private:
   struct Subscription {
     orn::RefPtr<pax::IInotifyEventsReceiver> receiver;
     std::string root;      // as subscribed: events are reported under it
     std::string realRoot;  // what it resolves to: events are matched against it
+    std::uint64_t fsid = 0;
     std::uint32_t mask = 0;
   };
 

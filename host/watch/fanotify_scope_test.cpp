@@ -66,7 +66,7 @@ class FanotifyScopeTest : public ::testing::Test {
 };
 
 TEST_F(FanotifyScopeTest, ChangesInScopeKeepTheirMeaningAndOthersAreDropped) {
-  m_scope.Add(m_one.Get(), "/data/a", "/data/a", kAll);
+  m_scope.Add(m_one.Get(), "/data/a", "/data/a", 7, kAll);
   auto events = Translate(Record(FAN_CREATE, 'a', "f"));
   ASSERT_EQ(events.size(), 1u);
   EXPECT_EQ(events[0].path, "/data/a/f");
@@ -91,14 +91,14 @@ TEST_F(FanotifyScopeTest, ChangesInScopeKeepTheirMeaningAndOthersAreDropped) {
 }
 
 TEST_F(FanotifyScopeTest, MasksFilterAndOverlappingSubscriptionsTellOnce) {
-  m_scope.Add(m_one.Get(), "/data", "/data", IN_CREATE);
-  m_scope.Add(m_one.Get(), "/data/a", "/data/a", IN_CREATE);
+  m_scope.Add(m_one.Get(), "/data", "/data", 7, IN_CREATE);
+  m_scope.Add(m_one.Get(), "/data/a", "/data/a", 7, IN_CREATE);
   EXPECT_EQ(Translate(Record(FAN_CREATE, 'a', "f")).size(), 1u);
   EXPECT_TRUE(Translate(Record(FAN_MODIFY, 'a', "f")).empty());
 }
 
 TEST_F(FanotifyScopeTest, RenamesAreRenamesMovesOrCrossTheScope) {
-  m_scope.Add(m_one.Get(), "/data/a", "/data/a", kAll);
+  m_scope.Add(m_one.Get(), "/data/a", "/data/a", 7, kAll);
   auto events = Translate(Rename('a', "old", 'a', "new"));
   ASSERT_EQ(events.size(), 1u);
   EXPECT_EQ(events[0].mask, modification::kObjectRenamed);
@@ -116,9 +116,9 @@ TEST_F(FanotifyScopeTest, RenamesAreRenamesMovesOrCrossTheScope) {
 }
 
 TEST_F(FanotifyScopeTest, AMoveBetweenTwoAreasOfOneReceiverIsOneMove) {
-  m_scope.Add(m_one.Get(), "/data/a", "/data/a", kAll);
-  m_scope.Add(m_one.Get(), "/data/b", "/data/b", kAll);
-  m_scope.Add(m_two.Get(), "/data/a", "/data/a", kAll);
+  m_scope.Add(m_one.Get(), "/data/a", "/data/a", 7, kAll);
+  m_scope.Add(m_one.Get(), "/data/b", "/data/b", 7, kAll);
+  m_scope.Add(m_two.Get(), "/data/a", "/data/a", 7, kAll);
   const auto events = Translate(Rename('a', "f", 'b', "g"));
   ASSERT_EQ(events.size(), 2u);
   EXPECT_EQ(events[0].mask, modification::kObjectMoved);
@@ -128,23 +128,33 @@ TEST_F(FanotifyScopeTest, AMoveBetweenTwoAreasOfOneReceiverIsOneMove) {
 }
 
 TEST_F(FanotifyScopeTest, ARootReachedThroughALinkIsReportedUnderItsOwnPath) {
-  m_scope.Add(m_one.Get(), "/bin", "/real/bin", kAll);
+  m_scope.Add(m_one.Get(), "/bin", "/real/bin", 7, kAll);
   const auto events = Translate(Record(FAN_CREATE, 'r', "ls"));
   ASSERT_EQ(events.size(), 1u);
   EXPECT_EQ(events[0].path, "/bin/ls");
 }
 
 TEST_F(FanotifyScopeTest, AMovedDirectoryForgetsItsFormerPath) {
-  m_scope.Add(m_one.Get(), "/data", "/data", kAll);
+  m_scope.Add(m_one.Get(), "/data", "/data", 7, kAll);
   m_resolver.Remember(Dir('s'), "/data/a/sub");
   (void)Translate(Rename('a', "sub", 'b', "sub", true));
   EXPECT_FALSE(m_resolver.PathOf(Dir('s'))) << "a stale path must not name new records";
   EXPECT_TRUE(m_resolver.PathOf(Dir('a')));
 }
 
+TEST_F(FanotifyScopeTest, AnUnmountedFileSystemIsToldToItsSubscriptionsOnly) {
+  m_scope.Add(m_one.Get(), "/data/a", "/data/a", 7, kAll);
+  m_scope.Add(m_two.Get(), "/mnt", "/mnt", 9, kAll);
+  std::vector<InotifyDelivery> out;
+  m_scope.EmitUnmounted(9, out);
+  ASSERT_EQ(out.size(), 1u);
+  EXPECT_EQ(out[0].event.path, "/mnt");
+  EXPECT_NE(out[0].event.error.find("unmounted"), std::string::npos);
+}
+
 TEST_F(FanotifyScopeTest, OverflowReachesEverySubscription) {
-  m_scope.Add(m_one.Get(), "/data/a", "/data/a", kAll);
-  m_scope.Add(m_two.Get(), "/data/b", "/data/b", kAll);
+  m_scope.Add(m_one.Get(), "/data/a", "/data/a", 7, kAll);
+  m_scope.Add(m_two.Get(), "/data/b", "/data/b", 7, kAll);
   FanotifyRecord overflow;
   overflow.mask = FAN_Q_OVERFLOW;
   const auto events = Translate(overflow);
