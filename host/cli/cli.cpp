@@ -32,6 +32,7 @@ constexpr OptionInfo kOptions[] = {
     {"--no-hash", false, kScan | kDaemon},
     {"--auto-update", false, kScan | kDaemon},
     {"--report-atime", false, kScan | kDaemon},
+    {"--no-wait", false, kScan},
     {"--interval", true, kDaemon},
 };
 
@@ -96,6 +97,8 @@ bool Apply(std::string_view name, const std::string& value, CommandLine& out, st
     out.hash = name == "--hash";
   } else if (name == "--auto-update") {
     out.autoUpdate = true;
+  } else if (name == "--no-wait") {
+    out.noWait = true;
   } else if (name == "--report-atime") {
     out.reportAccessTime = true;
   } else if (name == "--interval") {
@@ -228,6 +231,7 @@ Commands:
       --hash | --no-hash record content hashes or not (default: on, or as configured)
       --auto-update      fold each run into the baseline
       --report-atime     report access-time changes
+      --no-wait          fail at once when another run holds the database
   daemon [OPTIONS] [PATH...]
                          watch, plus a scan every --interval SECONDS (default 3600)
 

@@ -37,6 +37,30 @@ bool PrepareMonitorCommand(const CommandLine& line, bool onDemand, MonitorConfig
          LoadModule(line, module, error);
 }
 
+int TakeRunLock(RunLock& lock, SignalWatch& signals, bool wait) {
+  constexpr int kRetryMs = 200;
+  bool announced = false;
+  for (;;) {
+    switch (lock.TryTake()) {
+      case RunLock::State::kTaken:
+        return kExitOk;
+      case RunLock::State::kError:
+        return Fail(lock.Error());
+      case RunLock::State::kBusy:
+        break;
+    }
+    const std::string holder =
+        lock.Holder() > 0 ? "the run of pid " + std::to_string(lock.Holder()) : "another run";
+    if (!wait) return Fail("the database is in use by " + holder + " (lock '" + lock.Path() + "')");
+    if (!announced) {
+      std::fprintf(stderr, "arvo-fim: waiting for %s to finish\n", holder.c_str());
+      announced = true;
+    }
+    const int signal = signals.Wait(-1, kRetryMs);
+    if (signal && !IsReopenSignal(signal)) return Fail("interrupted while waiting", kExitInterrupted);
+  }
+}
+
 RuntimeSetup MonitorSetup(const CommandLine& line, const MonitorConfig& config) {
   RuntimeSetup setup;
   setup.traceLevel = line.traceLevel;

@@ -1,6 +1,7 @@
 #include "host/cli/commands_watch.h"
 
 #include <cstdio>
+#include <cstring>
 #include <memory>
 
 #include "host/cli/commands_common.h"
@@ -25,9 +26,20 @@ int RunWatchCommand(const CommandLine& line) {
   if (!session.Start(*runtime, config.settings, line.detections, error)) return Fail(error);
   std::fprintf(stderr, "arvo-fim: watching %zu area(s)\n", config.settings.scanAreas.size());
 
-  while (!signals.Wait(-1, -1)) {
+  // SIGUSR1 reopens the output file; every other watched signal stops.
+  const std::shared_ptr<LineWriter>& writer = runtime->Writer();
+  for (;;) {
+    const int signal = signals.Wait(writer->FailedFd(), -1);
+    if (signal && !IsReopenSignal(signal)) break;
+    if (signal && !runtime->ReopenOutput(error)) Fail(error);
+    if (writer->FailedErrno()) break;
   }
   if (!session.Stop(error)) return Fail(error);
+  if (const int err = writer->FailedErrno())
+    return Fail("events could not be written to " +
+                (line.outputFile.empty() ? std::string("standard output")
+                                         : "'" + line.outputFile + "'") +
+                ": " + std::strerror(err) + "; stopped watching");
   return kExitOk;
 }
 

@@ -89,8 +89,12 @@ std::vector<std::shared_ptr<NodeSlot>>::iterator StorageCore::FindLocked(
 
 std::shared_ptr<NodeSlot> StorageCore::Find(const orn::types::string8_t& name) {
   const std::lock_guard lock(m_mutex);
-  const auto it = FindLocked(name);
-  return it == m_nodes.end() ? nullptr : *it;
+  // A node appended but never given a value (its SetValue failed) is not in
+  // the file and is not found either: finding it would hand out an empty
+  // value until the process restarts.
+  for (const auto& node : m_nodes)
+    if (node->name == name && node->persisted) return node;
+  return nullptr;
 }
 
 orn::result_t StorageCore::Append(const orn::types::string8_t& name,
