@@ -3,6 +3,7 @@
 #include "host/util/private_directory.h"
 
 #include <cstdio>
+#include <cstring>
 
 namespace arvo::host {
 
@@ -57,8 +58,15 @@ int TakeRunLock(RunLock& lock, SignalWatch& signals, bool wait) {
       announced = true;
     }
     const int signal = signals.Wait(-1, kRetryMs);
-    if (signal && !IsReopenSignal(signal)) return Fail("interrupted while waiting", kExitInterrupted);
+    if (signal && !IsReopenSignal(signal))
+      return Fail("interrupted while waiting", kExitInterrupted);
   }
+}
+
+std::string DescribeOutputFailure(const CommandLine& line, int err) {
+  const std::string where =
+      line.outputFile.empty() ? "standard output" : "'" + line.outputFile + "'";
+  return "events could not be written to " + where + ": " + std::strerror(err);
 }
 
 RuntimeSetup MonitorSetup(const CommandLine& line, const MonitorConfig& config) {

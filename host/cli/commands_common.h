@@ -39,6 +39,9 @@ bool PrepareMonitorCommand(const CommandLine& line, bool onDemand, MonitorConfig
 // without `wait`) or kExitInterrupted (a stopping signal while waiting).
 int TakeRunLock(RunLock& lock, SignalWatch& signals, bool wait);
 
+// "events could not be written to standard output: Broken pipe"
+std::string DescribeOutputFailure(const CommandLine& line, int err);
+
 // The runtime setup for a monitor command.
 RuntimeSetup MonitorSetup(const CommandLine& line, const MonitorConfig& config);
 

@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstring>
 #include <memory>
 
 #include "host/cli/commands_common.h"
@@ -56,12 +55,9 @@ int Report(const RunOutcome& outcome, const RunDiagnostics& diagnostics, const H
            const CommandLine& line, bool hashing, std::uint64_t issues, int retries) {
   // Checked first: the run may have ended on its own right after the
   // write that failed, its last events unseen.
-  if (const int err = runtime.Writer()->FailedErrno()) {
-    const std::string where =
-        line.outputFile.empty() ? "standard output" : "'" + line.outputFile + "'";
-    return Fail("events could not be written to " + where + ": " + std::strerror(err) +
+  if (const int err = runtime.Writer()->FailedErrno())
+    return Fail(DescribeOutputFailure(line, err) +
                 (outcome.stoppedByFd ? "; the scan was stopped" : ""));
-  }
   switch (outcome.kind) {
     case RunOutcome::Kind::kFailed:
       return Fail(DescribeFailedRun(outcome, diagnostics.Failure(), hashing, retries));
@@ -89,7 +85,8 @@ int RunScanCommand(const CommandLine& line) {
   if (const int code = TakeRunLock(lock, signals, !line.noWait); code != kExitOk) return code;
   const bool hashing = config.settings.computeContentHash;
   if (hashing && ::geteuid() != 0)
-    Say("not running as root: a file this user cannot read fails the run (see --no-hash, --exclude)");
+    Say("not running as root: a file this user cannot read fails the run (see --no-hash, "
+        "--exclude)");
 
   RuntimeSetup setup = MonitorSetup(line, config);
   setup.onDemand = true;
@@ -121,8 +118,7 @@ int RunScanCommand(const CommandLine& line) {
   }
   std::uint64_t issues = 0;
   int retries = 0;
-  const RunOutcome outcome =
-      RunWithRetries(monitor, signals, wait, *diagnostics, issues, retries);
+  const RunOutcome outcome = RunWithRetries(monitor, signals, wait, *diagnostics, issues, retries);
   monitor.Release();
   progress.Clear();
   return Report(outcome, *diagnostics, *runtime, line, hashing, issues, retries);

@@ -1,7 +1,6 @@
 #include "host/cli/commands_watch.h"
 
 #include <cstdio>
-#include <cstring>
 #include <memory>
 
 #include "host/cli/commands_common.h"
@@ -36,10 +35,7 @@ int RunWatchCommand(const CommandLine& line) {
   }
   if (!session.Stop(error)) return Fail(error);
   if (const int err = writer->FailedErrno())
-    return Fail("events could not be written to " +
-                (line.outputFile.empty() ? std::string("standard output")
-                                         : "'" + line.outputFile + "'") +
-                ": " + std::strerror(err) + "; stopped watching");
+    return Fail(DescribeOutputFailure(line, err) + "; stopped watching");
   return kExitOk;
 }
 

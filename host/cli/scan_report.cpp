@@ -21,8 +21,9 @@ std::string DescribeVanished(const ObjectFailure& failure) {
          ")";
 }
 
-std::string DescribeFailedRun(const RunOutcome& outcome, const std::optional<ObjectFailure>& failure,
-                              bool hashing, int retries) {
+std::string DescribeFailedRun(const RunOutcome& outcome,
+                              const std::optional<ObjectFailure>& failure, bool hashing,
+                              int retries) {
   const std::string task = outcome.reason + " (" + orn::ResultToTraceText(outcome.result) + ")";
   if (!failure) return "scan failed: " + task;
   const std::string object = Quoted(failure->object);

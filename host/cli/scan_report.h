@@ -18,8 +18,9 @@ std::string DescribeVanished(const ObjectFailure& failure);
 // the cause when a trace line named them, the fix where there is one, else
 // the task's reason and result. `hashing`: content hashes were on;
 // `retries`: how many retries were made.
-std::string DescribeFailedRun(const RunOutcome& outcome, const std::optional<ObjectFailure>& failure,
-                              bool hashing, int retries);
+std::string DescribeFailedRun(const RunOutcome& outcome,
+                              const std::optional<ObjectFailure>& failure, bool hashing,
+                              int retries);
 
 // "scan completed, 0 integrity issue(s), 2 areas or directories not
 // scanned: '/x' (does not exist), '/proc' (pseudo file system)"; the list

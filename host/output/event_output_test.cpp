@@ -1,6 +1,7 @@
 #include "host/output/event_output.h"
 
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>
 

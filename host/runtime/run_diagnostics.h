@@ -35,7 +35,9 @@ struct SkippedPart {
 // The object and cause of a level-300 line that names an object in quotes
 // ("Cannot stat for '/x': No such file or directory", "... failed: result =
 // 0x80000045 (Access denied)Cannot open file '/x'"); nullopt for other lines.
-std::optional<ObjectFailure> ParseFailureLine(std::string_view text);
+// `earlier`: the cause an earlier line without an object gave, used when
+// this line only says "Unspecified error".
+std::optional<ObjectFailure> ParseFailureLine(std::string_view text, std::string_view earlier = {});
 
 // The part named by a level-500 "... '<path>' ... Skip it" line.
 std::optional<SkippedPart> ParseSkipLine(std::string_view text);
@@ -54,6 +56,7 @@ class RunDiagnostics final : public TraceTap {
  private:
   mutable std::mutex m_mutex;
   std::optional<ObjectFailure> m_failure;  // guarded by m_mutex
+  std::string m_earlierCause;              // guarded by m_mutex
   std::vector<SkippedPart> m_skipped;      // guarded by m_mutex
 };
 

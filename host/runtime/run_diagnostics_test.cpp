@@ -39,9 +39,9 @@ TEST(RunDiagnosticsTest, FailureLinesNameTheObjectCauseAndKind) {
 }
 
 TEST(RunDiagnosticsTest, SkipLinesNameThePartAndWhy) {
-  auto p = ParseSkipLine("odfim\tPath '/nope' doesn't exist. Skip it");
+  auto p = ParseSkipLine("odfim\tPath '/no'pe' doesn't exist. Skip it");
   ASSERT_TRUE(p);
-  EXPECT_EQ(p->path, "/nope");
+  EXPECT_EQ(p->path, "/no'pe");
   EXPECT_EQ(p->why, "does not exist");
   p = ParseSkipLine("odfim\tCannot build snapshot for magic file '/proc'. Skip it");
   ASSERT_TRUE(p);
@@ -51,6 +51,20 @@ TEST(RunDiagnosticsTest, SkipLinesNameThePartAndWhy) {
   EXPECT_EQ(p->path, "/a/d");
   EXPECT_EQ(p->why, "Access denied");
   EXPECT_FALSE(ParseSkipLine("odfim\tCannot open '/a/d'"));
+}
+
+// A vanished object's ACL: the errno is on the line before the one that
+// names the object.
+TEST(RunDiagnosticsTest, AnEarlierLineGivesTheCauseOfAnUnspecifiedFailure) {
+  RunDiagnostics d;
+  d.OnLine(orn::kTraceLevelError, "odfim\tCannot get size of acl attr: No such file or directory");
+  d.OnLine(orn::kTraceLevelError,
+           "x.cpp:127(GetAcl(path, acl)),(ORN_SUCCEEDED(_result)) failed: result = 0x8000004b "
+           "(Unspecified error)Cannot get acl for '/s/3665'");
+  ASSERT_TRUE(d.Failure());
+  EXPECT_EQ(d.Failure()->object, "/s/3665");
+  EXPECT_EQ(d.Failure()->cause, "No such file or directory");
+  EXPECT_EQ(d.Failure()->kind, Kind::kVanished);
 }
 
 // The deepest failure is traced first; callers trace it again on the way

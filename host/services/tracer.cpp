@@ -104,9 +104,8 @@ int Tracer::WriteLine(std::uint32_t level, std::string_view text) {
   char prefix[96];
   const std::size_t prefixLength = FormatLinePrefix(level, prefix, sizeof prefix);
   char newline = '\n';
-  iovec parts[3] = {{prefix, prefixLength},
-                    {const_cast<char*>(text.data()), text.size()},
-                    {&newline, 1}};
+  iovec parts[3] = {
+      {prefix, prefixLength}, {const_cast<char*>(text.data()), text.size()}, {&newline, 1}};
   std::lock_guard lock(m_writeMutex);
   // A short writev is completed part by part; lines stay whole because
   // every writer holds the mutex.

@@ -13,8 +13,8 @@
 #pragma once
 
 #include <cstdint>
-#include <mutex>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
 

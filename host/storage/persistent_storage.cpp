@@ -89,12 +89,8 @@ std::vector<std::shared_ptr<NodeSlot>>::iterator StorageCore::FindLocked(
 
 std::shared_ptr<NodeSlot> StorageCore::Find(const orn::types::string8_t& name) {
   const std::lock_guard lock(m_mutex);
-  // A node appended but never given a value (its SetValue failed) is not in
-  // the file and is not found either: finding it would hand out an empty
-  // value until the process restarts.
-  for (const auto& node : m_nodes)
-    if (node->name == name && node->persisted) return node;
-  return nullptr;
+  const auto it = FindLocked(name);
+  return it == m_nodes.end() ? nullptr : *it;
 }
 
 orn::result_t StorageCore::Append(const orn::types::string8_t& name,
@@ -123,7 +119,16 @@ orn::result_t StorageCore::SetValue(NodeSlot& slot, const orn::types::blob_t& va
   const std::lock_guard lock(m_mutex);
   if (!slot.attached) return orn::errors::kNotFound;
   const orn::result_t r = Write(&slot, &value, nullptr);
-  if (ORN_FAILED(r)) return r;
+  if (ORN_FAILED(r)) {
+    // A node whose first value could not be written never reached the file:
+    // it leaves memory too, or every later FindNode would hand out its empty
+    // value until the process restarts.
+    if (!slot.persisted) {
+      slot.attached = false;
+      std::erase_if(m_nodes, [&](const auto& node) { return node.get() == &slot; });
+    }
+    return r;
+  }
   slot.value = value;
   slot.persisted = true;
   return orn::errors::kOk;

@@ -7,7 +7,7 @@ namespace {
 
 TEST(DisplayTextTest, ControlsInvalidBytesAndBackslashesAreEscaped) {
   std::string out;
-  AppendDisplayBytes(out, std::string_view("a\nb\tc\x7f\xff\\ \xc3\xa9", 12));
+  AppendDisplayBytes(out, "a\nb\tc\x7f\xff\\ \xc3\xa9");
   EXPECT_EQ(out, "a\\x0ab\\x09c\\x7f\\xff\\\\ \xc3\xa9");
   out.clear();
   AppendDisplayBytes(out, "odfim\tPath: /x\r", true);

@@ -119,7 +119,9 @@ TEST_F(ScanRobustnessTest, AWalkThatMeetsAVanishedFileIsRetriedAndKeepsTheBaseli
   churn.join();
   EXPECT_EQ(scan.Finish(), 0) << scan.Stderr();
   EXPECT_EQ(OfType(scan.Events(), "BaselineBuilt").size(), 1u) << scan.Stderr();
-  if (retried) EXPECT_NE(scan.Stderr().find("vanished or was replaced"), std::string::npos);
+  if (retried) {
+    EXPECT_NE(scan.Stderr().find("vanished or was replaced"), std::string::npos);
+  }
 
   const RunResult next = RunFim({"scan", "--format", "json", m_area}, Env());
   EXPECT_LE(next.exitCode, 1) << next.stderrText;
@@ -181,7 +183,8 @@ TEST_F(ScanRobustnessTest, PartsNotScannedAreNamedAndCounted) {
 // whom it waits for, or with --no-wait fails at once naming it.
 TEST_F(ScanRobustnessTest, ASecondRunWaitsForTheHolderOrFailsAtOnceWithNoWait) {
   ASSERT_EQ(RunFim({"scan", "--format", "json", m_area}, Env()).exitCode, 0);
-  const int fd = ::open((m_tree / "private/db/fim.db.lock").c_str(), O_RDWR | O_CREAT, 0600);
+  const int fd =
+      ::open((m_tree / "private/db/fim.db.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
   ASSERT_GE(fd, 0);
   flock lock{};
   lock.l_type = F_WRLCK;
@@ -237,6 +240,21 @@ INSTANTIATE_TEST_SUITE_P(Signals, ScanSignalTest,
                          ::testing::Values(SignalCase{SIGHUP, 3}, SignalCase{SIGQUIT, 3},
                                            SignalCase{SIGUSR1, 0}));
 
+// watch: SIGUSR1 reopens the output and watching goes on; SIGHUP stops it
+// cleanly.
+TEST_F(ScanRobustnessTest, WatchReopensOnUsr1AndStopsCleanlyOnHup) {
+  const std::string out = m_tree / "events.jsonl";
+  Process watch({"watch", "--format", "json", "--output", out, m_area}, Env());
+  ASSERT_TRUE(watch.WaitForStderr("watching 1 area(s)")) << watch.Stderr();
+  ASSERT_EQ(::rename(out.c_str(), (out + ".1").c_str()), 0);
+  watch.Signal(SIGUSR1);
+  ASSERT_TRUE(WaitUntil([&] { return ::access(out.c_str(), F_OK) == 0; }));
+  WriteFile(m_area + "/new", "n");
+  ASSERT_TRUE(WaitUntil([&] { return ReadText(out).find("/new") != std::string::npos; }));
+  watch.Signal(SIGHUP);
+  EXPECT_EQ(watch.Finish(), 0) << watch.Stderr();
+}
+
 // A second Ctrl-C while the scan stops must not turn exit code 3 into a
 // death by signal.
 TEST_F(ScanRobustnessTest, ASecondInterruptWhileStoppingStillExitsThree) {
@@ -269,13 +287,14 @@ TEST_F(ScanRobustnessTest, EventsThatCannotBeWrittenAreReportedAsSuch) {
       << err;
 }
 
-// A file whose name carries a newline cannot write a trace line of its own.
+// A file whose name carries a newline cannot write a trace line of its own
+// (an excluded object's path is traced at level 800).
 TEST_F(ScanRobustnessTest, PathBytesCannotForgeTraceLines) {
   WriteFile(m_area + "/x\n2025-01-01T00:00:00.000000Z 300 1 forged", "x");
   const std::string trace = m_tree / "trace.log";
-  const RunResult run =
-      RunFim({"--trace-level", "800", "--trace-file", trace, "scan", "--format", "json", m_area},
-             Env());
+  const RunResult run = RunFim({"--trace-level", "800", "--trace-file", trace, "scan", "--exclude",
+                                "x*", "--format", "json", m_area},
+                               Env());
   ASSERT_EQ(run.exitCode, 0) << run.stderrText;
   const std::regex line(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z \d+ \d+ .*)");
   std::ifstream in(trace);
