@@ -35,13 +35,14 @@ TEST(CliTest, WatchTakesGlobalAndOwnOptionsAndPaths) {
 TEST(CliTest, ScanAndDaemonFlags) {
   CommandLine scan;
   std::string error;
-  ASSERT_TRUE(Parse({"scan", "--config", "c.toml", "--no-hash", "--auto-update", "--report-atime"},
-                    scan, error))
+  ASSERT_TRUE(Parse(
+      {"scan", "--config", "c.toml", "--no-hash", "--auto-update", "--report-atime", "--no-wait"},
+      scan, error))
       << error;
   EXPECT_EQ(scan.command, Command::kScan);
   EXPECT_EQ(scan.configFile, "c.toml");
   EXPECT_EQ(scan.hash, false);
-  EXPECT_TRUE(scan.autoUpdate && scan.reportAccessTime);
+  EXPECT_TRUE(scan.autoUpdate && scan.reportAccessTime && scan.noWait);
   EXPECT_EQ(scan.traceLevel, 300u);
 
   CommandLine daemon;
@@ -68,6 +69,7 @@ TEST(CliTest, BadUsageIsExplained) {
       {{"--trace-level", "400", "list"}, "invalid trace level '400'"},
       {{"--trace-level"}, "option --trace-level needs a value"},
       {{"watch", "--hash"}, "unknown option '--hash' for 'watch'"},
+      {{"daemon", "--no-wait"}, "unknown option '--no-wait' for 'daemon'"},
       {{"scan", "--interval", "5"}, "unknown option '--interval' for 'scan'"},
       {{"scan", "--format", "xml"}, "invalid format 'xml'"},
       {{"scan", "--auto-update=yes"}, "option --auto-update takes no value"},
@@ -83,6 +85,26 @@ TEST(CliTest, BadUsageIsExplained) {
     EXPECT_FALSE(Parse(c.args, line, error)) << c.error;
     EXPECT_EQ(error.rfind(c.error, 0), 0u) << "expected: " << c.error << "\ngot: " << error;
   }
+}
+
+TEST(CliTest, HelpDescribesTheProgramAndEachCommand) {
+  CommandLine line;
+  std::string error;
+  for (const auto& args : {std::vector<const char*>{"--help"}, {"help"}, {"-h"}}) {
+    ASSERT_TRUE(Parse(args, line, error)) << error;
+    EXPECT_EQ(line.command, Command::kHelp);
+    EXPECT_NE(line.helpText.find("Usage: arvo-fim [OPTIONS] [SUBCOMMAND]"), std::string::npos)
+        << line.helpText;
+  }
+  for (const char* command : {"list", "watch", "scan", "daemon"}) {
+    ASSERT_TRUE(Parse({command, "--help"}, line, error)) << error;
+    EXPECT_EQ(line.command, Command::kHelp);
+    EXPECT_NE(line.helpText.find(std::string("Usage: arvo-fim ") + command), std::string::npos)
+        << line.helpText;
+  }
+  ASSERT_TRUE(Parse({"scan", "--help"}, line, error));
+  for (const char* option : {"--config", "--no-hash", "--auto-update", "--report-atime"})
+    EXPECT_NE(line.helpText.find(option), std::string::npos) << option;
 }
 
 }  // namespace
