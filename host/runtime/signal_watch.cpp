@@ -12,8 +12,12 @@ SignalWatch::SignalWatch(std::initializer_list<int> signals) {
   sigset_t set;
   sigemptyset(&set);
   for (const int signal : signals) {
+    // nohup's contract. SIGINT and SIGQUIT, which a shell ignores in its
+    // background jobs, are still watched: a `kill -QUIT` must stop the run.
     struct sigaction current {};
-    if (::sigaction(signal, nullptr, &current) == 0 && current.sa_handler == SIG_IGN) continue;
+    if (signal == SIGHUP && ::sigaction(signal, nullptr, &current) == 0 &&
+        current.sa_handler == SIG_IGN)
+      continue;
     sigaddset(&set, signal);
   }
   pthread_sigmask(SIG_BLOCK, &set, &m_previous);

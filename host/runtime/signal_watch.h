@@ -14,10 +14,10 @@ namespace arvo::host {
 // Blocks the watched signals in the calling thread and opens a signalfd for
 // them. Must be made on the main thread before any other thread starts, so
 // that every thread inherits the blocked mask and the signals stay pending
-// for the descriptor. A signal ignored when the watch is made (nohup's
-// SIGHUP) stays ignored. The destructor discards the signals still pending
-// (a second Ctrl-C while a run stops must not kill the process on its way
-// out) and restores the previous mask.
+// for the descriptor. SIGHUP ignored when the watch is made (nohup) stays
+// ignored; the others are watched whatever their disposition. The destructor discards the signals
+// still pending (a second Ctrl-C while a run stops must not kill the process on its way out) and
+// restores the previous mask.
 class SignalWatch {
  public:
   // SIGINT, SIGTERM, SIGQUIT, SIGHUP and SIGUSR1.
