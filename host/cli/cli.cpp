@@ -75,6 +75,21 @@ void AddMonitorOptions(CLI::App& app, CommandLine& out) {
   app.add_option("PATH", out.paths, "areas to monitor, besides the configured ones");
 }
 
+// Options of the commands that watch (watch, daemon).
+void AddWatchOptions(CLI::App& app, CommandLine& out) {
+  app.add_flag("--detections", out.detections, "also print the publisher's detections");
+  app.add_option_function<std::string>(
+         "--backend", [&out](const std::string& value) { out.backend = WatchBackendNamed(value); },
+         "the kernel interface that watches: auto (default: fanotify where allowed, else "
+         "inotify), fanotify or inotify")
+      ->check(Check([](const std::string& value) {
+        return WatchBackendNamed(value)
+                   ? std::string()
+                   : "invalid backend '" + value + "' (expected auto, fanotify or inotify)";
+      }))
+      ->option_text("auto|fanotify|inotify");
+}
+
 // Options of the commands that scan (scan, daemon).
 void AddScanOptions(CLI::App& app, CommandLine& out) {
   app.add_flag_callback(
@@ -117,7 +132,7 @@ void BuildApp(CLI::App& app, CommandLine& out) {
   CLI::App* watch =
       AddCommand(app, out, Command::kWatch, "watch", "on-access monitoring until SIGINT/SIGTERM");
   AddMonitorOptions(*watch, out);
-  watch->add_flag("--detections", out.detections, "also print the publisher's detections");
+  AddWatchOptions(*watch, out);
 
   CLI::App* scan = AddCommand(app, out, Command::kScan, "scan",
                               "one on-demand run; exit 0 no change, 1 changes found, 2 run "
@@ -130,7 +145,7 @@ void BuildApp(CLI::App& app, CommandLine& out) {
                                 "watch, plus a scan at start and every --interval seconds");
   AddMonitorOptions(*daemon, out);
   AddScanOptions(*daemon, out);
-  daemon->add_flag("--detections", out.detections, "also print the publisher's detections");
+  AddWatchOptions(*daemon, out);
   daemon->add_option("--interval", out.intervalSeconds, "seconds between scans (default 3600)")
       ->check(Check(IntervalError))
       ->option_text("SECONDS");

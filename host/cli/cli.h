@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "host/config/watch_backend.h"
 #include "host/output/event_format.h"
 
 namespace arvo::host {
@@ -29,7 +30,8 @@ struct CommandLine {
   std::vector<std::string> paths;
   std::optional<OutputFormat> format;
   std::string outputFile;
-  bool detections = false;  // watch, daemon
+  bool detections = false;              // watch, daemon
+  std::optional<WatchBackend> backend;  // watch, daemon: --backend
   // scan, daemon.
   std::optional<bool> hash;  // --hash / --no-hash
   bool autoUpdate = false;
