@@ -32,7 +32,8 @@ void Say(const std::string& message) { std::fprintf(stderr, "arvo-fim: %s\n", me
 // has already reported (and, with automatic update, accepted) the changes
 // of the areas before it.
 RunOutcome RunWithRetries(OnDemandMonitor& monitor, SignalWatch& signals, const RunWait& wait,
-                          RunDiagnostics& diagnostics, std::uint64_t& issues, int& retries) {
+                          RunDiagnostics& diagnostics, ProgressLine& progress,
+                          std::uint64_t& issues, int& retries) {
   for (retries = 0;; ++retries) {
     diagnostics.Reset();
     RunOutcome outcome = monitor.Run(static_cast<unsigned>(retries) + 1, signals, wait);
@@ -40,6 +41,7 @@ RunOutcome RunWithRetries(OnDemandMonitor& monitor, SignalWatch& signals, const 
     if (outcome.kind != RunOutcome::Kind::kFailed || retries == kRetries) return outcome;
     const std::optional<ObjectFailure> failure = diagnostics.Failure();
     if (!failure || failure->kind != ObjectFailure::Kind::kVanished) return outcome;
+    progress.Clear();
     Say(DescribeVanished(*failure) + "; retrying the scan (" + std::to_string(retries + 1) +
         " of " + std::to_string(kRetries) + ")");
     const int signal = signals.Wait(wait.stopFd, kBackOffMs[retries]);
@@ -118,7 +120,8 @@ int RunScanCommand(const CommandLine& line) {
   }
   std::uint64_t issues = 0;
   int retries = 0;
-  const RunOutcome outcome = RunWithRetries(monitor, signals, wait, *diagnostics, issues, retries);
+  const RunOutcome outcome =
+      RunWithRetries(monitor, signals, wait, *diagnostics, progress, issues, retries);
   monitor.Release();
   progress.Clear();
   return Report(outcome, *diagnostics, *runtime, line, hashing, issues, retries);
