@@ -139,6 +139,7 @@ void BuildApp(CLI::App& app, CommandLine& out) {
                               "failed, 3 interrupted");
   AddMonitorOptions(*scan, out);
   AddScanOptions(*scan, out);
+  scan->add_flag("--no-wait", out.noWait, "fail at once when another run holds the database");
 
   CLI::App* daemon = AddCommand(app, out, Command::kDaemon, "daemon",
                                 "watch, plus a scan at start and every --interval seconds");

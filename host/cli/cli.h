@@ -36,6 +36,7 @@ struct CommandLine {
   std::optional<bool> hash;  // --hash / --no-hash
   bool autoUpdate = false;
   bool reportAccessTime = false;
+  bool noWait = false;  // scan: fail at once when another run holds the database
   // daemon.
   std::uint32_t intervalSeconds = 3600;
 };

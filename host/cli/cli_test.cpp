@@ -35,13 +35,14 @@ TEST(CliTest, WatchTakesGlobalAndOwnOptionsAndPaths) {
 TEST(CliTest, ScanAndDaemonFlags) {
   CommandLine scan;
   std::string error;
-  ASSERT_TRUE(Parse({"scan", "--config", "c.toml", "--no-hash", "--auto-update", "--report-atime"},
-                    scan, error))
+  ASSERT_TRUE(Parse(
+      {"scan", "--config", "c.toml", "--no-hash", "--auto-update", "--report-atime", "--no-wait"},
+      scan, error))
       << error;
   EXPECT_EQ(scan.command, Command::kScan);
   EXPECT_EQ(scan.configFile, "c.toml");
   EXPECT_EQ(scan.hash, false);
-  EXPECT_TRUE(scan.autoUpdate && scan.reportAccessTime);
+  EXPECT_TRUE(scan.autoUpdate && scan.reportAccessTime && scan.noWait);
   EXPECT_EQ(scan.traceLevel, 300u);
 
   CommandLine daemon;
@@ -68,6 +69,7 @@ TEST(CliTest, BadUsageIsExplained) {
       {{"--trace-level", "400", "list"}, "invalid trace level '400'"},
       {{"--trace-level"}, "option --trace-level needs a value"},
       {{"watch", "--hash"}, "unknown option '--hash' for 'watch'"},
+      {{"daemon", "--no-wait"}, "unknown option '--no-wait' for 'daemon'"},
       {{"scan", "--interval", "5"}, "unknown option '--interval' for 'scan'"},
       {{"scan", "--format", "xml"}, "invalid format 'xml'"},
       {{"scan", "--auto-update=yes"}, "option --auto-update takes no value"},

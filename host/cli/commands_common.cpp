@@ -3,6 +3,7 @@
 #include "host/util/private_directory.h"
 
 #include <cstdio>
+#include <cstring>
 
 namespace arvo::host {
 
@@ -36,6 +37,37 @@ bool PrepareMonitorCommand(const CommandLine& line, bool onDemand, MonitorConfig
   return BuildMonitorConfig(line, config, error) &&
          (!onDemand || EnsureParentDirectory(DatabaseFile(), error)) &&
          LoadModule(line, module, error);
+}
+
+int TakeRunLock(RunLock& lock, SignalWatch& signals, bool wait) {
+  constexpr int kRetryMs = 200;
+  bool announced = false;
+  for (;;) {
+    switch (lock.TryTake()) {
+      case RunLock::State::kTaken:
+        return kExitOk;
+      case RunLock::State::kError:
+        return Fail(lock.Error());
+      case RunLock::State::kBusy:
+        break;
+    }
+    const std::string holder =
+        lock.Holder() > 0 ? "the run of pid " + std::to_string(lock.Holder()) : "another run";
+    if (!wait) return Fail("the database is in use by " + holder + " (lock '" + lock.Path() + "')");
+    if (!announced) {
+      std::fprintf(stderr, "arvo-fim: waiting for %s to finish\n", holder.c_str());
+      announced = true;
+    }
+    const int signal = signals.Wait(-1, kRetryMs);
+    if (signal && !IsReopenSignal(signal))
+      return Fail("interrupted while waiting", kExitInterrupted);
+  }
+}
+
+std::string DescribeOutputFailure(const CommandLine& line, int err) {
+  const std::string where =
+      line.outputFile.empty() ? "standard output" : "'" + line.outputFile + "'";
+  return "events could not be written to " + where + ": " + std::strerror(err);
 }
 
 RuntimeSetup MonitorSetup(const CommandLine& line, const MonitorConfig& config) {

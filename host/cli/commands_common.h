@@ -8,6 +8,8 @@
 #include "host/config/config.h"
 #include "host/runtime/host_runtime.h"
 #include "host/runtime/module_loader.h"
+#include "host/runtime/signal_watch.h"
+#include "host/util/run_lock.h"
 
 namespace arvo::host {
 
@@ -30,6 +32,15 @@ bool LoadModule(const CommandLine& line, ModuleLoader& module, std::string& erro
 // database's directory (created when missing) when `onDemand`, the module.
 bool PrepareMonitorCommand(const CommandLine& line, bool onDemand, MonitorConfig& config,
                            ModuleLoader& module, std::string& error);
+
+// Takes the database's run lock: at once, or when `wait` after the run that
+// holds it, saying on stderr whom it waits for. Returns kExitOk once taken;
+// otherwise prints why and returns kExitFailure (cannot lock, or busy
+// without `wait`) or kExitInterrupted (a stopping signal while waiting).
+int TakeRunLock(RunLock& lock, SignalWatch& signals, bool wait);
+
+// "events could not be written to standard output: Broken pipe"
+std::string DescribeOutputFailure(const CommandLine& line, int err);
 
 // The runtime setup for a monitor command.
 RuntimeSetup MonitorSetup(const CommandLine& line, const MonitorConfig& config);

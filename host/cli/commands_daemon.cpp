@@ -7,6 +7,7 @@
 #include "host/runtime/on_access_session.h"
 #include "host/runtime/on_demand_run.h"
 #include "host/runtime/signal_watch.h"
+#include "host/util/private_directory.h"
 
 namespace arvo::host {
 
@@ -32,8 +33,12 @@ int RunDaemonCommand(const CommandLine& line) {
                config.settings.scanAreas.size(), line.intervalSeconds);
 
   const int intervalMs = static_cast<int>(line.intervalSeconds) * 1000;
+  RunLock lock(RunLockPathFor(DatabaseFile()));
   for (app_core::task_manager::task::TaskSessionId run = 1;; ++run) {
+    // Each scheduled run holds the database like a manual scan does.
+    if (TakeRunLock(lock, signals, true) != kExitOk) break;
     const RunOutcome outcome = scanner.Run(run, signals);
+    lock.Release();
     if (outcome.signal) break;
     if (outcome.kind == RunOutcome::Kind::kFailed) {
       std::fprintf(stderr, "arvo-fim: scan failed: %s (%s)\n", outcome.reason.c_str(),

@@ -26,9 +26,17 @@ int RunWatchCommand(const CommandLine& line) {
   std::fprintf(stderr, "arvo-fim: watching %zu area(s) with %s\n", config.settings.scanAreas.size(),
                runtime->WatchBackendDescription().c_str());
 
-  while (!signals.Wait(-1, -1)) {
+  // SIGUSR1 reopens the output file; every other watched signal stops.
+  const std::shared_ptr<LineWriter>& writer = runtime->Writer();
+  for (;;) {
+    const int signal = signals.Wait(writer->FailedFd(), -1);
+    if (signal && !IsReopenSignal(signal)) break;
+    if (signal && !runtime->ReopenOutput(error)) Fail(error);
+    if (writer->FailedErrno()) break;
   }
   if (!session.Stop(error)) return Fail(error);
+  if (const int err = writer->FailedErrno())
+    return Fail(DescribeOutputFailure(line, err) + "; stopped watching");
   return kExitOk;
 }
 

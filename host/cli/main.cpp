@@ -1,4 +1,6 @@
 // arvo-fim: parses the command line and runs one command.
+#include <signal.h>
+
 #include <cstdio>
 #include <string>
 
@@ -9,9 +11,14 @@
 #include "host/cli/commands_scan.h"
 #include "host/cli/commands_version.h"
 #include "host/cli/commands_watch.h"
+#include "host/util/standard_streams.h"
 
 int main(int argc, char** argv) {
   using namespace arvo::host;
+  ReserveStandardDescriptors();
+  // A reader that goes away is an error the commands report (EPIPE), not a
+  // silent death that would leave the user without the reason.
+  ::signal(SIGPIPE, SIG_IGN);
   CommandLine line;
   std::string error;
   if (!ParseCommandLine(argc, argv, line, error)) {

@@ -6,6 +6,7 @@
 #include <optional>
 #include <string_view>
 
+#include "host/util/display_text.h"
 #include "orn/text.h"
 #include "pax/enumerations.h"
 
@@ -13,30 +14,6 @@ namespace arvo::host {
 namespace {
 
 constexpr char kHex[] = "0123456789abcdef";
-
-void AppendEscape(std::string& out, char kind, std::uint32_t value, int digits) {
-  out.push_back('\\');
-  out.push_back(kind);
-  for (int shift = (digits - 1) * 4; shift >= 0; shift -= 4)
-    out.push_back(kHex[(value >> shift) & 0xF]);
-}
-
-// Printable form for the text output: \xNN for raw bytes and controls.
-void AppendDisplay(std::string& out, const orn::types::string16_t& text) {
-  orn::text::ForEachCodePoint(text, [&](std::uint32_t cp, bool lone) {
-    if (lone && cp >= 0xDC80 && cp <= 0xDCFF) {
-      AppendEscape(out, 'x', cp - 0xDC00, 2);
-    } else if (lone) {
-      AppendEscape(out, 'u', cp, 4);
-    } else if (cp < 0x20 || cp == 0x7F) {
-      AppendEscape(out, 'x', cp, 2);
-    } else if (cp == '\\') {
-      out += "\\\\";
-    } else {
-      orn::text::AppendUtf8(out, cp);
-    }
-  });
-}
 
 void AppendDisplayValue(std::string& out, const orn::types::string16_t& text) {
   std::string shown;

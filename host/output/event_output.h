@@ -5,6 +5,7 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -20,15 +21,34 @@ namespace arvo::host {
 // Writes whole lines to one descriptor. Thread-safe: each line is one
 // write(2) under a mutex, so lines never interleave and a reader sees each
 // line as soon as it is complete (no user-space buffering).
+//
+// The first failed write is remembered (FailedErrno) and makes FailedFd
+// readable, so that a command waiting in poll() learns at once that its
+// events are being lost (a reader that went away: EPIPE, with SIGPIPE
+// ignored) and can stop instead of accepting changes nobody saw.
 class LineWriter {
  public:
-  explicit LineWriter(ScopedFd fd) : m_fd(std::move(fd)) {}
+  explicit LineWriter(ScopedFd fd);
   // Appends "\n" to `line` and writes it. Returns 0 or the errno-based result.
   orn::result_t WriteLine(std::string line);
+
+  // Called under the writer's lock before each line (a terminal's progress
+  // line is cleared there). Set before the writer is shared.
+  void SetBeforeWrite(std::function<void()> hook) { m_beforeWrite = std::move(hook); }
+
+  // Makes later lines go to `fd` (a reopened output file).
+  void Replace(ScopedFd fd);
+
+  int FailedErrno() const { return m_failedErrno.load(); }
+  // Readable once a write failed; -1 when no eventfd could be made.
+  int FailedFd() const { return m_failed.Get(); }
 
  private:
   std::mutex m_mutex;
   ScopedFd m_fd;  // guarded by m_mutex
+  std::function<void()> m_beforeWrite;
+  std::atomic<int> m_failedErrno{0};
+  ScopedFd m_failed;
 };
 
 // Opens the output: `file` created or appended to, or a duplicate of stdout

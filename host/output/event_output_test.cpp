@@ -1,8 +1,12 @@
 #include "host/output/event_output.h"
 
 #include <gtest/gtest.h>
+#include <fcntl.h>
+#include <signal.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdint>
 #include <string>
 #include <thread>
 #include <vector>
@@ -55,6 +59,21 @@ TEST(EventOutputTest, ConcurrentPublishersWriteWholeLinesAndAreCounted) {
   }
   EXPECT_EQ(lines, static_cast<std::size_t>(kThreads * kEach));
   EXPECT_EQ(start, collected.size());
+}
+
+// A reader that went away: the failure is remembered and signalled once.
+TEST(LineWriterTest, AFailedWriteIsRememberedAndMakesTheFailedFdReadable) {
+  int p[2];
+  ASSERT_EQ(::pipe2(p, O_CLOEXEC), 0);
+  ::close(p[0]);
+  ::signal(SIGPIPE, SIG_IGN);
+  LineWriter writer{ScopedFd(p[1])};
+  EXPECT_EQ(writer.FailedErrno(), 0);
+  EXPECT_TRUE(ORN_FAILED(writer.WriteLine("lost")));
+  EXPECT_EQ(writer.FailedErrno(), EPIPE);
+  ASSERT_GE(writer.FailedFd(), 0);
+  std::uint64_t count = 0;
+  EXPECT_EQ(::read(writer.FailedFd(), &count, sizeof count), static_cast<ssize_t>(sizeof count));
 }
 
 }  // namespace

@@ -40,6 +40,7 @@ HostRuntime::~HostRuntime() {
 
 bool HostRuntime::Init(const RuntimeSetup& setup, std::string& error) {
   if (ORN_FAILED(CreateTracer(setup.traceLevel, setup.traceFile, m_tracer, error))) return false;
+  if (setup.traceTap) m_tracer->SetTap(setup.traceTap, orn::kTraceLevelWarning);
   m_locator = orn::MakeSimple<ServiceLocator>();
   m_locator->Register<orn::ITracer>(m_tracer.Get());
   m_locator->Register<orn::IAllocator>(orn::MakeSimple<Allocator>().Get());
@@ -48,6 +49,7 @@ bool HostRuntime::Init(const RuntimeSetup& setup, std::string& error) {
   if (ORN_FAILED(OpenOutput(setup.outputFile, output, error))) return false;
   m_format = setup.format.value_or(DefaultFormatFor(output.Get()));
   m_writer = std::make_shared<LineWriter>(std::move(output));
+  m_outputFile = setup.outputFile;
   m_events = orn::MakeSimple<EventOutput>(m_writer, m_format);
   m_locator->Register<pax::IEventPublisher>(m_events.Get());
 
@@ -134,6 +136,14 @@ bool HostRuntime::AddPublisherService(std::string& error) {
   m_locator->Register(orn::IidOf<pax::IIntegrityMonitorPublisher>(), 0, m_publisherService.Get());
   m_locator->Register(orn::IidOf<mdr::agent::IFileIntegrityMonitorDetectEventSubscription>(), 0,
                       m_publisherService.Get());
+  return true;
+}
+
+bool HostRuntime::ReopenOutput(std::string& error) const {
+  if (m_outputFile.empty()) return true;
+  ScopedFd fd;
+  if (ORN_FAILED(OpenOutput(m_outputFile, fd, error))) return false;
+  m_writer->Replace(std::move(fd));
   return true;
 }
 

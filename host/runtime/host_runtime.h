@@ -31,6 +31,7 @@ struct RuntimeSetup {
   bool onDemand = false;  // hashing, files, persistent storage, serializer, task info
   const MonitorConfig* config = nullptr;   // task id and name for the task info
   std::shared_ptr<ScanProgress> progress;  // set: matchers count their calls here
+  std::shared_ptr<TraceTap> traceTap;      // set: sees every line up to the warning level
 };
 
 // Owns the services; the module must outlive it. Used by one thread (the
@@ -51,6 +52,10 @@ class HostRuntime {
   EventOutput& Events() const { return *m_events; }
   const std::shared_ptr<LineWriter>& Writer() const { return m_writer; }
   OutputFormat Format() const { return m_format; }
+  // Opens the output file anew (after log rotation moved it away); nothing
+  // to do when events go to standard output. On failure the old file stays
+  // in use and `error` says why.
+  bool ReopenOutput(std::string& error) const;
   // Which watch backend runs, and why ("fanotify (file-system marks)"); empty
   // without the on-access services.
   const std::string& WatchBackendDescription() const { return m_watchBackend; }
@@ -73,6 +78,7 @@ class HostRuntime {
   orn::RefPtr<Tracer> m_tracer;
   orn::RefPtr<ServiceLocator> m_locator;
   std::shared_ptr<LineWriter> m_writer;
+  std::string m_outputFile;  // empty: standard output
   OutputFormat m_format = OutputFormat::kJson;
   orn::RefPtr<EventOutput> m_events;
   orn::RefPtr<orn::IObject> m_publisherService;

@@ -25,7 +25,18 @@ struct RunOutcome {
   orn::result_t result = 0;  // the task's (or Start's) result
   std::string reason;        // the task's reason text (narrow)
   std::uint64_t issues = 0;  // "SystemIntegrityIssue" events of this run
-  int signal = 0;            // the signal that arrived during the run, or 0
+  int signal = 0;            // the signal that stopped the run, or 0
+  bool stoppedByFd = false;  // RunWait::stopFd became readable
+};
+
+// How a run waits for its end.
+struct RunWait {
+  std::function<void()> tick;  // called every `tickMs` while waiting, when both are set
+  int tickMs = -1;
+  // Called for each signal; returns true when the run must stop. Unset:
+  // every signal stops the run.
+  std::function<bool(int)> onSignal;
+  int stopFd = -1;  // readable: stop the run (its events can no longer be written)
 };
 
 // Used by one thread. The runtime must outlive the monitor.
@@ -38,11 +49,12 @@ class OnDemandMonitor {
   // Creates the task and hands it its settings.
   bool Create(const pax::settings::ODFIMSettings& settings, std::string& error);
 
-  // One run under `sessionId`. Waits for the stop report or for a signal of
-  // `signals` (then asks the task to stop and waits for its report); calls
-  // `tick` every `tickMs` while waiting when both are set.
+  // One run under `sessionId`. Waits for the stop report, or for a signal of
+  // `signals` or `wait.stopFd` that stops the run (then asks the task to
+  // stop and waits for its report). A Start that fails is followed by Stop,
+  // so that the task takes the next Start.
   RunOutcome Run(app_core::task_manager::task::TaskSessionId sessionId, SignalWatch& signals,
-                 const std::function<void()>& tick = {}, int tickMs = -1);
+                 const RunWait& wait = {});
 
   // Releases the task (its last reference).
   void Release() { m_task.Reset(); }

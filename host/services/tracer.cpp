@@ -11,6 +11,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <new>
+
+#include "host/util/display_text.h"
 
 namespace arvo::host {
 namespace {
@@ -60,7 +63,7 @@ orn::result_t Tracer::OpenRecord(std::uint32_t level, orn::TraceRecord* record,
     record->capacity = capacity;
     return orn::errors::kOk;
   }
-  if (level > m_maxLevel) return orn::errors::kFalse;
+  if (level > m_maxLevel && (!m_tap || level > m_tapLevel)) return orn::errors::kFalse;
   auto* head = static_cast<RecordHead*>(std::malloc(sizeof(RecordHead) + capacity));
   if (!head) return orn::errors::kOutOfMemory;
   head->level = level;
@@ -71,36 +74,55 @@ orn::result_t Tracer::OpenRecord(std::uint32_t level, orn::TraceRecord* record,
   return orn::errors::kOk;
 }
 
+void Tracer::SetTap(std::shared_ptr<TraceTap> tap, std::uint32_t level) {
+  m_tap = std::move(tap);
+  m_tapLevel = m_tap ? level : 0;
+}
+
 orn::result_t Tracer::CommitRecord(char* buffer, std::size_t length) {
   if (!buffer) return orn::errors::kInvalidArgument;
   RecordHead* head = HeadOf(buffer);
-  char prefix[96];
-  const std::size_t prefixLength = FormatLinePrefix(head->level, prefix, sizeof prefix);
-  char newline = '\n';
-  iovec parts[3] = {{prefix, prefixLength}, {buffer, length}, {&newline, 1}};
+  const std::uint32_t level = head->level;
+  const std::string_view text(buffer, length);
   int err = 0;
-  {
-    std::lock_guard lock(m_writeMutex);
-    // A short writev is completed part by part; lines stay whole because
-    // every writer holds the mutex.
-    const ssize_t n = ::writev(m_fd.Get(), parts, 3);
-    if (n < 0) {
-      err = errno;
-    } else {
-      std::size_t done = static_cast<std::size_t>(n);
-      for (const iovec& part : parts) {
-        if (done >= part.iov_len) {
-          done -= part.iov_len;
-          continue;
-        }
-        err = WriteAll(m_fd.Get(), static_cast<char*>(part.iov_base) + done, part.iov_len - done);
-        done = 0;
-        if (err) break;
-      }
-    }
+  try {
+    if (m_tap && level <= m_tapLevel) m_tap->OnLine(level, text);
+    if (level <= m_maxLevel) err = WriteLine(level, text);
+  } catch (const std::bad_alloc&) {
+    err = ENOMEM;
   }
   std::free(head);
   return err ? orn::ResultFromErrno(err) : orn::errors::kOk;
+}
+
+int Tracer::WriteLine(std::uint32_t level, std::string_view text) {
+  std::string shown;
+  if (!IsDisplaySafe(text, true)) {
+    AppendDisplayBytes(shown, text, true);
+    text = shown;
+  }
+  char prefix[96];
+  const std::size_t prefixLength = FormatLinePrefix(level, prefix, sizeof prefix);
+  char newline = '\n';
+  iovec parts[3] = {
+      {prefix, prefixLength}, {const_cast<char*>(text.data()), text.size()}, {&newline, 1}};
+  std::lock_guard lock(m_writeMutex);
+  // A short writev is completed part by part; lines stay whole because
+  // every writer holds the mutex.
+  const ssize_t n = ::writev(m_fd.Get(), parts, 3);
+  if (n < 0) return errno;
+  std::size_t done = static_cast<std::size_t>(n);
+  for (const iovec& part : parts) {
+    if (done >= part.iov_len) {
+      done -= part.iov_len;
+      continue;
+    }
+    if (const int err =
+            WriteAll(m_fd.Get(), static_cast<char*>(part.iov_base) + done, part.iov_len - done))
+      return err;
+    done = 0;
+  }
+  return 0;
 }
 
 orn::result_t CreateTracer(std::uint32_t maxLevel, const std::string& file,

@@ -5,6 +5,7 @@
 
 #include <cstring>
 #include <fstream>
+#include <memory>
 #include <regex>
 #include <string>
 #include <thread>
@@ -108,6 +109,47 @@ TEST_F(TracerTest, LinesFromManyThreadsNeverInterleave) {
     const std::string text = m[2];
     ASSERT_TRUE(std::regex_match(text, body)) << text.substr(0, 40);
   }
+}
+
+// A path carrying a newline, an escape sequence or raw bytes must not forge
+// a line of its own; the tab after a module's prefix stays.
+TEST_F(TracerTest, ControlAndInvalidBytesAreEscapedSoOneRecordIsOneLine) {
+  auto tracer = Make(orn::kTraceLevelDetail);
+  ORN_TRACE(tracer.Get(), orn::kTraceLevelDetail)
+      << "odfim\tPath: /a\n2025-01-01T00:00:00.000000Z 300 1 forged\x1b[2J\xff\\";
+  const auto lines = Lines();
+  ASSERT_EQ(lines.size(), 1u);
+  std::smatch m;
+  ASSERT_TRUE(std::regex_match(lines[0], m, kLine)) << lines[0];
+  EXPECT_EQ(m[2], "odfim\tPath: /a\\x0a2025-01-01T00:00:00.000000Z 300 1 forged\\x1b[2J\\xff\\\\");
+}
+
+struct RecordingTap final : TraceTap {
+  void OnLine(std::uint32_t level, std::string_view text) override {
+    lines.emplace_back(level, std::string(text));
+  }
+  std::vector<std::pair<std::uint32_t, std::string>> lines;
+};
+
+// The host learns why a run failed from error and warning lines whatever
+// level the user asked for; the tap sees the raw text, the file only the
+// user's levels.
+TEST_F(TracerTest, TapSeesLinesUpToItsLevelWhateverTheWrittenLevel) {
+  for (const std::uint32_t userLevel : {0u, orn::kTraceLevelError}) {
+    auto tracer = Make(userLevel);
+    auto tap = std::make_shared<RecordingTap>();
+    tracer->SetTap(tap, orn::kTraceLevelWarning);
+    ORN_TRACE(tracer.Get(), orn::kTraceLevelError) << "failed '/x\n'";
+    ORN_TRACE(tracer.Get(), orn::kTraceLevelWarning) << "skipped";
+    ORN_TRACE(tracer.Get(), orn::kTraceLevelDetail) << "detail";
+    ASSERT_EQ(tap->lines.size(), 2u);
+    EXPECT_EQ(tap->lines[0].first, orn::kTraceLevelError);
+    EXPECT_EQ(tap->lines[0].second, "failed '/x\n'");
+    EXPECT_EQ(tap->lines[1].second, "skipped");
+  }
+  const auto lines = Lines();  // the level-0 tracer wrote nothing
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_NE(lines[0].find("failed '/x\\x0a'"), std::string::npos) << lines[0];
 }
 
 }  // namespace

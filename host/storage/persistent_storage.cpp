@@ -119,7 +119,16 @@ orn::result_t StorageCore::SetValue(NodeSlot& slot, const orn::types::blob_t& va
   const std::lock_guard lock(m_mutex);
   if (!slot.attached) return orn::errors::kNotFound;
   const orn::result_t r = Write(&slot, &value, nullptr);
-  if (ORN_FAILED(r)) return r;
+  if (ORN_FAILED(r)) {
+    // A node whose first value could not be written never reached the file:
+    // it leaves memory too, or every later FindNode would hand out its empty
+    // value until the process restarts.
+    if (!slot.persisted) {
+      slot.attached = false;
+      std::erase_if(m_nodes, [&](const auto& node) { return node.get() == &slot; });
+    }
+    return r;
+  }
   slot.value = value;
   slot.persisted = true;
   return orn::errors::kOk;

@@ -10,7 +10,8 @@
 //
 // Node objects stay valid for as long as they are held. A node removed from
 // the storage keeps answering GetName and GetValue; its SetValue fails with
-// errors::kNotFound. Storage and nodes are thread-safe (one lock per
+// errors::kNotFound. An appended node whose first SetValue fails is removed
+// the same way: it never reached the file. Storage and nodes are thread-safe (one lock per
 // storage). Several processes must not change one file at the same time:
 // the last writer's image wins.
 #pragma once

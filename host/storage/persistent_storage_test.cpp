@@ -162,6 +162,35 @@ TEST_F(PersistentStorageTest, FailedWriteChangesNothing) {
   EXPECT_TRUE(m_tracer->Contains("Cannot write storage file", orn::kTraceLevelError));
 }
 
+// The settings' save removes the old node, appends a new one and fails to
+// write its value: the empty node must not be found by the next run, which
+// would fail to decode it until the process restarts.
+TEST_F(PersistentStorageTest, ANodeWhoseFirstValueFailedIsNotFound) {
+  auto s = Open();
+  orn::RefPtr<orn::IStorageNode> old;
+  ASSERT_EQ(s->AppendNode("PreviousSettings", old.Ref()), 0);
+  ASSERT_EQ(old->SetValue(Blob{1}), 0);
+  ASSERT_EQ(s->RemoveNode("PreviousSettings"), 0);
+  ASSERT_EQ(::rename(m_file.c_str(), (m_file + ".away").c_str()), 0);
+  ASSERT_EQ(::mkdir(m_file.c_str(), 0700), 0);  // the rename onto it must fail
+  orn::RefPtr<orn::IStorageNode> fresh;
+  ASSERT_EQ(s->AppendNode("PreviousSettings", fresh.Ref()), 0);
+  EXPECT_TRUE(ORN_FAILED(fresh->SetValue(Blob{2})));
+
+  orn::RefPtr<orn::IStorageNode> found;
+  EXPECT_EQ(s->FindNode("PreviousSettings", found.Ref()), orn::errors::kNotFound);
+  // Once writes work again the next save lands and is found.
+  ASSERT_EQ(::rmdir(m_file.c_str()), 0);
+  while (ORN_SUCCEEDED(s->RemoveNode("PreviousSettings"))) {
+  }
+  ASSERT_EQ(s->AppendNode("PreviousSettings", fresh.Ref()), 0);
+  ASSERT_EQ(fresh->SetValue(Blob{3}), 0);
+  ASSERT_EQ(s->FindNode("PreviousSettings", found.Ref()), 0);
+  Blob v;
+  EXPECT_EQ(found->GetValue(v), 0);
+  EXPECT_EQ(v, Blob{3});
+}
+
 TEST_F(PersistentStorageTest, ConcurrentChangesAllLand) {
   auto s = Open();
   std::vector<std::thread> threads;
