@@ -28,7 +28,7 @@ int RunDaemonCommand(const CommandLine& line) {
   OnAccessSession session;
   if (!session.Start(*runtime, config.settings, line.detections, error)) return Fail(error);
   std::fprintf(stderr, "arvo-fim: watching %zu area(s), scanning every %u s\n",
-               config.settings.scanAreas.size(), line.intervalSeconds);
+               session.WatchedAreas(), line.intervalSeconds);
 
   const int intervalMs = static_cast<int>(line.intervalSeconds) * 1000;
   for (app_core::task_manager::task::TaskSessionId run = 1;; ++run) {

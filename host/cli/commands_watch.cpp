@@ -23,7 +23,7 @@ int RunWatchCommand(const CommandLine& line) {
 
   OnAccessSession session;
   if (!session.Start(*runtime, config.settings, line.detections, error)) return Fail(error);
-  std::fprintf(stderr, "arvo-fim: watching %zu area(s)\n", config.settings.scanAreas.size());
+  std::fprintf(stderr, "arvo-fim: watching %zu area(s)\n", session.WatchedAreas());
 
   while (!signals.Wait(-1, -1)) {
   }

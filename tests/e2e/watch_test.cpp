@@ -2,7 +2,10 @@
 // with the right fields; excluded objects produce none.
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <iterator>
+#include <set>
 
 #include "pax/enumerations.h"
 #include "tests/e2e/e2e_util.h"
@@ -22,11 +25,17 @@ class WatchTest : public ::testing::Test {
   }
 
   std::unique_ptr<Process> StartWatch(std::vector<std::string> extra = {}) {
+    extra.push_back(m_root);
+    return StartWatchOn(extra, 1);
+  }
+
+  // `watch --format json` + `tail`, once it says that it watches `areas`.
+  std::unique_ptr<Process> StartWatchOn(const std::vector<std::string>& tail, std::size_t areas) {
     std::vector<std::string> args = {"watch", "--format", "json"};
-    args.insert(args.end(), extra.begin(), extra.end());
-    args.push_back(m_root);
+    args.insert(args.end(), tail.begin(), tail.end());
     auto p = std::make_unique<Process>(args, Env());
-    EXPECT_TRUE(p->WaitForStderr("arvo-fim: watching 1 area(s)")) << p->Stderr();
+    EXPECT_TRUE(p->WaitForStderr("arvo-fim: watching " + std::to_string(areas) + " area(s)"))
+        << p->Stderr();
     return p;
   }
 
@@ -151,6 +160,106 @@ TEST_F(WatchTest, DetectionsArePrintedBesideTheEvents) {
     }
   }
   watch->Signal(SIGINT);
+  EXPECT_EQ(watch->Finish(), 0) << watch->Stderr();
+}
+
+TEST_F(WatchTest, AnAreaReachedThroughALinkIsWatched) {
+  const std::string link = m_tree / "link";
+  ASSERT_EQ(::symlink(m_root.c_str(), link.c_str()), 0);
+  auto watch = StartWatchOn({link}, 1);
+  WriteFile(m_root + "/a/f", "");
+  EXPECT_TRUE(Await(*watch, link + "/a/f", mod::kObjectCreated)) << watch->Stderr();
+  watch->Signal(SIGTERM);
+  EXPECT_EQ(watch->Finish(), 0) << watch->Stderr();
+}
+
+TEST_F(WatchTest, ADisabledAreaIsNotWatchedAndNeedNotExist) {
+  const std::string config = m_tree / "fim.toml";
+  WriteFile(config, "[[area]]\npath = \"" + m_root +
+                        "\"\n"
+                        "[[area]]\npath = \"" +
+                        m_tree / "missing" + "\"\nenabled = false\n");
+  auto watch = StartWatchOn({"--config", config}, 1);
+  WriteFile(m_root + "/a/f", "");
+  EXPECT_TRUE(Await(*watch, m_root + "/a/f", mod::kObjectCreated)) << watch->Stderr();
+  watch->Signal(SIGTERM);
+  EXPECT_EQ(watch->Finish(), 0) << watch->Stderr();
+}
+
+TEST_F(WatchTest, AMoveBetweenTwoAreasKeepsItsOriginalPath) {
+  const std::string a = m_root + "/a";
+  const std::string b = m_root + "/b";
+  auto watch = StartWatchOn({a, b}, 2);
+  WriteFile(a + "/f", "");
+  ASSERT_TRUE(Await(*watch, a + "/f", mod::kObjectCreated));
+  ASSERT_EQ(std::rename((a + "/f").c_str(), (b + "/g").c_str()), 0);
+  ASSERT_TRUE(Await(*watch, b + "/g", mod::kObjectMoved)) << watch->Stderr();
+  watch->Signal(SIGTERM);
+  EXPECT_EQ(watch->Finish(), 0) << watch->Stderr();
+  const auto moved = Matching(watch->Events(), b + "/g", mod::kObjectMoved);
+  ASSERT_EQ(moved.size(), 1u);
+  EXPECT_EQ(moved[0]->Text("OriginalPath"), a + "/f");
+  EXPECT_TRUE(Matching(watch->Events(), a + "/f", mod::kObjectDeleted).empty());
+  EXPECT_TRUE(Matching(watch->Events(), b + "/g", mod::kObjectCreated).empty());
+}
+
+// Scope is judged on the path an object has after the change, so a rename
+// to an excluded name reads as nothing at all.
+TEST_F(WatchTest, ARenameToAnExcludedNameIsNotReported) {
+  auto watch = StartWatch({"--exclude", "*.ignored"});
+  const std::string kept = m_root + "/a/kept";
+  WriteFile(kept, "");
+  ASSERT_TRUE(Await(*watch, kept, mod::kObjectCreated));
+  ASSERT_EQ(std::rename(kept.c_str(), (kept + ".ignored").c_str()), 0);
+  ASSERT_EQ(std::rename((kept + ".ignored").c_str(), (kept + "2").c_str()), 0);
+  ASSERT_TRUE(Await(*watch, kept + "2", mod::kObjectRenamed));
+  watch->Signal(SIGTERM);
+  EXPECT_EQ(watch->Finish(), 0) << watch->Stderr();
+  for (const Event& e : watch->Events()) EXPECT_NE(e.Path(), kept + ".ignored");
+  const auto renamed = Matching(watch->Events(), kept + "2", mod::kObjectRenamed);
+  ASSERT_EQ(renamed.size(), 1u);
+  EXPECT_EQ(renamed[0]->Text("OriginalPath"), kept + ".ignored");
+}
+
+// Directories moved in, then reshuffled before the monitor has caught up:
+// replaying the events must give every object that exists at the end.
+TEST_F(WatchTest, NoCreationIsLostWhenAMovedInDirectoryIsReshuffled) {
+  constexpr int kDirectories = 200;
+  const std::string outside = m_tree / "outside";
+  ASSERT_EQ(::mkdir(outside.c_str(), 0755), 0);
+  auto watch = StartWatch();
+  std::set<std::string> expected;
+  for (int i = 0; i < kDirectories; ++i) {
+    const std::string name = "/d" + std::to_string(i);
+    const std::string in = m_root + name;
+    ASSERT_EQ(::mkdir((outside + name).c_str(), 0755), 0);
+    WriteFile(outside + name + "/f", "");
+    ASSERT_EQ(std::rename((outside + name).c_str(), in.c_str()), 0);
+    ASSERT_EQ(std::rename((in + "/f").c_str(), (in + "/g").c_str()), 0);
+    WriteFile(in + "/f", "");
+    expected.insert({in, in + "/f", in + "/g"});
+  }
+  std::set<std::string> present;
+  std::size_t replayed = 0;
+  const bool complete = watch->ReadEventsUntil([&](const std::vector<Event>& events) {
+    for (; replayed < events.size(); ++replayed) {
+      const Event& e = events[replayed];
+      const auto type = e.Number("FileModificationType");
+      if (type == mod::kObjectCreated) present.insert(e.Path());
+      if (type == mod::kObjectDeleted) present.erase(e.Path());
+      if (type == mod::kObjectRenamed || type == mod::kObjectMoved) {
+        present.erase(e.Text("OriginalPath"));
+        present.insert(e.Path());
+      }
+    }
+    return std::includes(present.begin(), present.end(), expected.begin(), expected.end());
+  });
+  std::vector<std::string> missing;
+  std::set_difference(expected.begin(), expected.end(), present.begin(), present.end(),
+                      std::back_inserter(missing));
+  EXPECT_TRUE(complete) << missing.size() << " missing, first "
+                        << (missing.empty() ? "" : missing.front());
+  watch->Signal(SIGTERM);
   EXPECT_EQ(watch->Finish(), 0) << watch->Stderr();
 }
 
