@@ -179,6 +179,8 @@ class Process {
     return true;
   }
 
+  pid_t Pid() const { return m_pid; }
+
   void Signal(int sig) {
     if (m_pid > 0) ::kill(m_pid, sig);
   }
