@@ -480,8 +480,8 @@ void InotifyWatchTree::MoveIn(const MovePlan& plan, const MovePlan* source,
                               std::vector<InotifyDelivery>& out) {
   Subscription& sub = *plan.sub;
   const bool isDirectory = raw.mask & IN_ISDIR;
-  // A walk found the object under its new name, so no record that repeats
-  // it is still queued, and a later record about that name is a new change.
+  // When a catch-up walk found the object under its new name, no record
+  // repeating that is still queued: a later record about the name is new.
   const bool caughtUp = sub.caughtUp.erase(plan.path) != 0;
   if (!source) {
     // Already reported, and watched if a directory, by a catch-up walk.
