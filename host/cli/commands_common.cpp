@@ -19,6 +19,7 @@ bool BuildMonitorConfig(const CommandLine& line, MonitorConfig& config, std::str
   if (line.hash) s.computeContentHash = *line.hash;
   s.autoUpdateBaseline = s.autoUpdateBaseline || line.autoUpdate;
   s.reportAccessTime = s.reportAccessTime || line.reportAccessTime;
+  if (line.backend) config.watchBackend = *line.backend;
   if (s.scanAreas.empty()) {
     error = "nothing to monitor: give PATH arguments or [[area]] entries in a --config file";
     return false;
@@ -44,6 +45,7 @@ RuntimeSetup MonitorSetup(const CommandLine& line, const MonitorConfig& config) 
   setup.outputFile = line.outputFile;
   setup.format = line.format;
   setup.config = &config;
+  setup.backend = config.watchBackend;
   return setup;
 }
 

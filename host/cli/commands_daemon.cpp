@@ -27,6 +27,7 @@ int RunDaemonCommand(const CommandLine& line) {
   if (!scanner.Create(config.settings, error)) return Fail(error);
   OnAccessSession session;
   if (!session.Start(*runtime, config.settings, line.detections, error)) return Fail(error);
+  std::fprintf(stderr, "arvo-fim: watch backend: %s\n", runtime->WatchBackendDescription().c_str());
   std::fprintf(stderr, "arvo-fim: watching %zu area(s), scanning every %u s\n",
                session.WatchedAreas(), line.intervalSeconds);
 

@@ -2,8 +2,8 @@
 
 #include <cstdio>
 
-#include "host/services/allocator.h"
 #include "host/cli/commands_common.h"
+#include "host/services/allocator.h"
 #include "host/services/service_locator.h"
 #include "host/services/tracer.h"
 #include "pax/fim_tasks.h"

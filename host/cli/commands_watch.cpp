@@ -23,7 +23,11 @@ int RunWatchCommand(const CommandLine& line) {
 
   OnAccessSession session;
   if (!session.Start(*runtime, config.settings, line.detections, error)) return Fail(error);
-  std::fprintf(stderr, "arvo-fim: watching %zu area(s)\n", session.WatchedAreas());
+  std::fprintf(stderr,
+               "arvo-fim: watching %zu area(s) with %s
+               ", session.WatchedAreas(),
+               runtime->WatchBackendDescription()
+                   .c_str());
 
   while (!signals.Wait(-1, -1)) {
   }

@@ -215,6 +215,23 @@ class Reader {
            Bool(*t, "scan.", "report_access_time", out.reportAccessTime);
   }
 
+  bool Watch(const toml::table& root, WatchBackend& out) {
+    const toml::node* node = root.get("watch");
+    if (!node) return true;
+    const toml::table* t = node->as_table();
+    if (!t) return WrongType(*node, "watch", "a table ([watch])");
+    if (!CheckKeys(*t, "watch.", {"backend"})) return false;
+    const toml::node* backend = t->get("backend");
+    if (!backend) return true;
+    const auto* text = backend->as_string();
+    const std::optional<WatchBackend> named = text ? WatchBackendNamed(text->get()) : std::nullopt;
+    if (!named)
+      return Fail(backend->source(), "watch.backend",
+                  "expected \"auto\", \"fanotify\" or \"inotify\"");
+    out = *named;
+    return true;
+  }
+
   bool TaskId(const toml::table& root, pax::core::TaskId& out) {
     const toml::node* node = root.get("task_id");
     if (!node) return true;
@@ -229,10 +246,10 @@ class Reader {
     pax::settings::ODFIMSettings& s = config.settings;
     return CheckKeys(root, "",
                      {"task_id", "task_name", "rule_id", "exclude", "exclusion", "masks", "scan",
-                      "area"}) &&
+                      "watch", "area"}) &&
            TaskId(root, config.taskId) && Text(root, "", "task_name", config.taskName) &&
            Text(root, "", "rule_id", s.ruleId) && Exclusions(root, "", s.globalExclusions) &&
-           Masks(root, s) && ScanOptions(root, s) &&
+           Masks(root, s) && ScanOptions(root, s) && Watch(root, config.watchBackend) &&
            Tables(root, "", "area", [&](const toml::table& t, const std::string& p) {
              return Area(t, p, s.scanAreas);
            });

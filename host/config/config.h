@@ -13,6 +13,8 @@
 //              auto_update_baseline, compute_content_hash, report_access_time,
 //              rebuild_toggle (no effect of its own: changing it, either way,
 //              between two scans makes the next scan rebuild every baseline)
+// [watch]      backend ("auto" | "fanotify" | "inotify", default "auto"):
+//              the kernel interface that watches the areas
 // [[area]]     path (absolute, required), name (text, default: the path),
 //              enabled (bool, default true), exclude (list of globs: local
 //              exclusions, short form), [[area.exclusion]] (full form)
@@ -27,6 +29,7 @@
 #include <string_view>
 #include <vector>
 
+#include "host/config/watch_backend.h"
 #include "orn/types.h"
 #include "pax/settings/fim_settings.h"
 #include "pax/task_info.h"
@@ -44,6 +47,7 @@ struct MonitorConfig {
   pax::settings::ODFIMSettings settings;
   pax::core::TaskId taskId = 1;
   orn::types::string16_t taskName = kDefaultTaskName;
+  WatchBackend watchBackend = WatchBackend::kAuto;
 };
 
 // Parses TOML `text`; `sourceName` names it in messages. On failure returns

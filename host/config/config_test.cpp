@@ -48,6 +48,9 @@ compute_content_hash = true
 rebuild_toggle = true
 report_access_time = true
 
+[watch]
+backend = "inotify"
+
 [[area]]
 path = "/etc/"
 name = "config"
@@ -81,6 +84,7 @@ path = "/usr/./bin"
   EXPECT_EQ(s.scanAreas[1].path, "/usr/bin");
   EXPECT_EQ(s.scanAreas[1].areaName, u"/usr/bin");
   EXPECT_TRUE(s.scanAreas[1].areaFlag);
+  EXPECT_EQ(c.watchBackend, WatchBackend::kInotify);
 }
 
 TEST(ConfigTest, DefaultsWhenKeysAreAbsent) {
@@ -89,6 +93,7 @@ TEST(ConfigTest, DefaultsWhenKeysAreAbsent) {
   EXPECT_EQ(c.taskName, u"System_Integrity_Monitoring");
   EXPECT_EQ(c.settings.excludeMode, 1u);
   EXPECT_TRUE(c.settings.computeContentHash);  // hashing is on unless turned off
+  EXPECT_EQ(c.watchBackend, WatchBackend::kAuto);
 }
 
 TEST(ConfigTest, ErrorsNameFileLineAndKey) {
@@ -105,6 +110,7 @@ TEST(ConfigTest, ErrorsNameFileLineAndKey) {
        "cfg.toml:2:24: scan.compute_content_hash: expected a boolean, got integer"},
       {"[scan]\nhash = true\n", "cfg.toml:2:1: scan.hash: unknown key"},
       {"[masks]\nmode = \"some\"\n", "cfg.toml:2:8: masks.mode: expected \"off\""},
+      {"[watch]\nbackend = \"dnotify\"\n", "cfg.toml:2:11: watch.backend: expected \"auto\""},
       {"exclude = [\"a\", 3]\n", "cfg.toml:1:17: exclude[2]: expected a string, got integer"},
       {"[[exclusion]]\ncomment = \"x\"\n", "cfg.toml:1:1: exclusion[1].pattern: missing or empty"},
       {"[[area]]\npath = \"etc\"\n", "cfg.toml:2:8: area[1].path: area path must be absolute"},

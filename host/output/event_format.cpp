@@ -177,7 +177,50 @@ void AppendJsonBytes(std::string& out, const orn::types::string8_t& bytes) {
   AppendJsonString(out, orn::text::NarrowToWide(bytes));
 }
 
-std::string FormatEventJson(const pax::ProductEvent& event) {
+namespace {
+
+void AppendJsonOrigin(std::string& out, const ProcessOrigin& origin) {
+  out += ",\"process\":{\"pid\":" + std::to_string(origin.pid);
+  if (origin.exited) {
+    out += ",\"exited\":true}";
+    return;
+  }
+  out += ",\"ppid\":" + std::to_string(origin.parentPid);
+  if (origin.uid) out += ",\"uid\":" + std::to_string(*origin.uid);
+  if (origin.loginUid) out += ",\"loginUid\":" + std::to_string(*origin.loginUid);
+  if (!origin.executable.empty()) {
+    out += ",\"executable\":";
+    AppendJsonBytes(out, origin.executable);
+  }
+  if (!origin.command.empty()) {
+    out += ",\"command\":";
+    AppendJsonBytes(out, origin.command);
+  }
+  out.push_back('}');
+}
+
+void AppendTextOrigin(std::string& out, const ProcessOrigin& origin) {
+  out += " process=" + std::to_string(origin.pid);
+  if (origin.exited) {
+    out += "(exited)";
+    return;
+  }
+  out += " ppid=" + std::to_string(origin.parentPid);
+  if (origin.uid) out += " uid=" + std::to_string(*origin.uid);
+  if (origin.loginUid) out += " loginuid=" + std::to_string(*origin.loginUid);
+  if (!origin.executable.empty()) {
+    out += " exe=";
+    AppendDisplay(out, orn::text::NarrowToWide(origin.executable));
+  }
+  if (!origin.command.empty()) {
+    out += " comm=";
+    AppendDisplay(out, orn::text::NarrowToWide(origin.command));
+  }
+}
+
+}  // namespace
+
+std::string FormatEventJson(const pax::ProductEvent& event, const ProcessOrigin* origin) {
   std::string out;
   out.reserve(256);
   out += "{\"id\":" + std::to_string(event.id);
@@ -203,11 +246,13 @@ std::string FormatEventJson(const pax::ProductEvent& event) {
     AppendJsonValue(out, field.value);
     out.push_back('}');
   }
-  out += "]}";
+  out.push_back(']');
+  if (origin) AppendJsonOrigin(out, *origin);
+  out.push_back('}');
   return out;
 }
 
-std::string FormatEventText(const pax::ProductEvent& event) {
+std::string FormatEventText(const pax::ProductEvent& event, const ProcessOrigin* origin) {
   std::string out = LocalTime(event.time);
   out += ' ' + NameOr(pax::ProductEventTypeTable(), event.eventType, "EventType");
   out += ' ' + NameOr(pax::EventSeverityTable(), event.severity, "Severity");
@@ -230,6 +275,7 @@ std::string FormatEventText(const pax::ProductEvent& event) {
       AppendDisplayField(out, field.value);
     }
   }
+  if (origin) AppendTextOrigin(out, *origin);
   return out;
 }
 

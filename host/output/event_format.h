@@ -21,6 +21,16 @@
 // Bytes that are not printable UTF-8 are shown as \xNN and a backslash as \\,
 // so one event stays one line.
 //
+// An on-access event delivered by the fanotify watch backend also names the
+// process that made the change (host/util/process_origin.h):
+//   JSON: "process":{"pid":812,"ppid":1,"uid":0,"loginUid":1000,
+//                    "executable":"/usr/bin/vim.basic","command":"vim"}
+//         or "process":{"pid":812,"exited":true} when it had exited before it
+//         could be read (absent members were not readable);
+//   text: process=812 ppid=1 uid=0 loginuid=1000 exe=/usr/bin/vim.basic comm=vim
+//         or process=812(exited)
+// Events without a known process (scans, the inotify backend) have neither.
+//
 // Detect events of the publisher service (--detections):
 //   {"detectType":1,"detectTypeName":"RenamedOrMoved","path":"/x","sha256":"<hex>"}
 //   <local time> detection RenamedOrMoved /x sha256=<hex>
@@ -28,6 +38,7 @@
 
 #include <string>
 
+#include "host/util/process_origin.h"
 #include "orn/types.h"
 #include "pax/integrity_monitor_publisher.h"
 #include "pax/product_event.h"
@@ -36,8 +47,9 @@ namespace arvo::host {
 
 enum class OutputFormat { kJson, kText };
 
-std::string FormatEventJson(const pax::ProductEvent& event);
-std::string FormatEventText(const pax::ProductEvent& event);
+// `origin` (may be null): the process behind the event.
+std::string FormatEventJson(const pax::ProductEvent& event, const ProcessOrigin* origin = nullptr);
+std::string FormatEventText(const pax::ProductEvent& event, const ProcessOrigin* origin = nullptr);
 std::string FormatDetectJson(const pax::DetectEvent& event);
 std::string FormatDetectText(const pax::DetectEvent& event);
 

@@ -118,6 +118,35 @@ TEST(EventFormatTest, TextFormIsOneReadableLine) {
   EXPECT_NE(line.find("TaskId=11"), std::string::npos) << line;
 }
 
+TEST(EventFormatTest, TheProcessBehindAChangeIsNamedAndAnExitedOneOnlyByPid) {
+  ProcessOrigin origin;
+  origin.pid = 812;
+  origin.parentPid = 1;
+  origin.uid = 0;
+  origin.loginUid = 1000;
+  origin.executable = "/usr/bin/vim\xFF";
+  origin.command = "vim";
+  JsonValue v;
+  ASSERT_TRUE(ParseJson(FormatEventJson(IssueEvent("/etc/x"), &origin), v));
+  EXPECT_EQ(v["process"]["pid"].Int(), 812);
+  EXPECT_EQ(v["process"]["loginUid"].Int(), 1000);
+  EXPECT_EQ(v["process"]["command"].text, u"vim");
+  EXPECT_EQ(v["fields"].items.size(), 4u);
+  const std::string text = FormatEventText(IssueEvent("/etc/x"), &origin);
+  EXPECT_NE(text.find(" process=812 ppid=1 uid=0 loginuid=1000 exe=/usr/bin/vim\\xff comm=vim"),
+            std::string::npos)
+      << text;
+
+  ProcessOrigin exited;
+  exited.pid = 9;
+  exited.exited = true;
+  ASSERT_TRUE(ParseJson(FormatEventJson(IssueEvent("/etc/x"), &exited), v));
+  EXPECT_TRUE(v["process"]["exited"].boolean);
+  EXPECT_EQ(v["process"].Find("executable"), nullptr);
+  EXPECT_NE(FormatEventText(IssueEvent("/etc/x"), &exited).find(" process=9(exited)"),
+            std::string::npos);
+}
+
 TEST(EventFormatTest, DetectEventsCarryKindPathAndDigest) {
   pax::Sha256Digest digest{};
   digest[0] = 0xAB;

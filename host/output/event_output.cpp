@@ -38,8 +38,9 @@ EventOutput::EventOutput(std::shared_ptr<LineWriter> writer, OutputFormat format
 
 orn::result_t EventOutput::Publish(const pax::ProductEvent& event) {
   try {
-    std::string line =
-        m_format == OutputFormat::kJson ? FormatEventJson(event) : FormatEventText(event);
+    std::string line = m_format == OutputFormat::kJson
+                           ? FormatEventJson(event, CurrentProcessOrigin())
+                           : FormatEventText(event, CurrentProcessOrigin());
     if (event.eventType < m_counts.size())
       m_counts[event.eventType].fetch_add(1, std::memory_order_relaxed);
     return m_writer->WriteLine(std::move(line));

@@ -2,15 +2,15 @@
 
 #include <cstdio>
 
+#include "host/runtime/watch_provider.h"
 #include "host/services/allocator.h"
 #include "host/services/file_factory.h"
-#include "host/watch/inotify_provider.h"
 #include "host/services/path_matcher.h"
-#include "host/storage/persistent_storage.h"
-#include "host/util/private_directory.h"
 #include "host/services/sha256_provider.h"
-#include "host/storage/storage_serializer.h"
 #include "host/services/task_info_provider.h"
+#include "host/storage/persistent_storage.h"
+#include "host/storage/storage_serializer.h"
+#include "host/util/private_directory.h"
 #include "orn/file.h"
 #include "pax/fim_tasks.h"
 #include "pax/inotify.h"
@@ -61,12 +61,14 @@ bool HostRuntime::Init(const RuntimeSetup& setup, std::string& error) {
   m_locator->Register<pax::IPathMatcherFactory>(matchers.Get());
 
   if (setup.onAccess) {
-    orn::RefPtr<pax::IInotifyEventsProvider> inotify;
-    if (const orn::result_t r = CreateInotifyProvider(m_tracer.Get(), inotify); ORN_FAILED(r)) {
-      error = DescribeFailure("cannot create the inotify provider", r);
+    orn::RefPtr<pax::IInotifyEventsProvider> provider;
+    const orn::result_t r =
+        CreateWatchProvider(m_tracer.Get(), setup.backend, provider, m_watchBackend);
+    if (ORN_FAILED(r)) {
+      error = DescribeFailure(m_watchBackend, r);
       return false;
     }
-    m_locator->Register<pax::IInotifyEventsProvider>(inotify.Get());
+    m_locator->Register<pax::IInotifyEventsProvider>(provider.Get());
   }
   if (setup.onDemand && !AddOnDemandServices(setup, error)) return false;
   return AddPublisherService(error);

@@ -26,8 +26,9 @@ struct RuntimeSetup {
   std::string traceFile;               // empty: stderr
   std::string outputFile;              // empty: stdout
   std::optional<OutputFormat> format;  // default: by whether the output is a terminal
-  bool onAccess = false;               // the inotify provider
-  bool onDemand = false;               // hashing, files, persistent storage, serializer, task info
+  bool onAccess = false;               // the watch provider
+  WatchBackend backend = WatchBackend::kAuto;
+  bool onDemand = false;  // hashing, files, persistent storage, serializer, task info
   const MonitorConfig* config = nullptr;   // task id and name for the task info
   std::shared_ptr<ScanProgress> progress;  // set: matchers count their calls here
 };
@@ -50,6 +51,9 @@ class HostRuntime {
   EventOutput& Events() const { return *m_events; }
   const std::shared_ptr<LineWriter>& Writer() const { return m_writer; }
   OutputFormat Format() const { return m_format; }
+  // Which watch backend runs, and why ("fanotify (file-system marks)"); empty
+  // without the on-access services.
+  const std::string& WatchBackendDescription() const { return m_watchBackend; }
   // The module's publisher service (answers the subscription interface).
   orn::IObject* PublisherService() const { return m_publisherService.Get(); }
 
@@ -72,6 +76,7 @@ class HostRuntime {
   OutputFormat m_format = OutputFormat::kJson;
   orn::RefPtr<EventOutput> m_events;
   orn::RefPtr<orn::IObject> m_publisherService;
+  std::string m_watchBackend;
 };
 
 // "<what>: 0x8000004b (Unspecified error)"

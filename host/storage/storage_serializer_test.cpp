@@ -5,6 +5,7 @@
 #include <random>
 #include <string>
 
+#include "host/storage/memory_node.h"
 #include "host/storage/persistent_storage.h"
 #include "host/storage/storage_errors.h"
 #include "host/util/test_temp_dir.h"
@@ -18,24 +19,6 @@ using orn::serial::TypeDescriptor;
 using orn::serial::Value;
 using pax::settings::ODFIMSettings;
 using Blob = orn::types::blob_t;
-
-// A node that keeps its value in memory.
-class MemoryNode final : public orn::SimpleObject<orn::IStorageNode> {
- public:
-  orn::result_t GetName(orn::types::string8_t& name) const override {
-    name = "mem";
-    return 0;
-  }
-  orn::result_t GetValue(Blob& value) const override {
-    value = m_value;
-    return 0;
-  }
-  orn::result_t SetValue(const Blob& value) override {
-    m_value = value;
-    return 0;
-  }
-  Blob m_value;
-};
 
 // A record type of the tests only: one number.
 struct Counter {

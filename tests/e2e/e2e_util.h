@@ -13,6 +13,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <functional>
@@ -34,6 +35,15 @@ using Clock = std::chrono::steady_clock;
 inline constexpr std::chrono::seconds kDeadline{30};
 
 // A temporary directory removed with its contents.
+// "--backend NAME" when the run asks for a watch backend (ctest runs the
+// watch tests once per backend through ARVO_E2E_WATCH_BACKEND), else nothing:
+// arvo-fim then chooses.
+inline std::vector<std::string> WatchBackendArgs() {
+  const char* backend = std::getenv("ARVO_E2E_WATCH_BACKEND");
+  if (!backend || !*backend) return {};
+  return {"--backend", backend};
+}
+
 class TempTree {
  public:
   TempTree() {
@@ -180,6 +190,14 @@ class Process {
   }
 
   pid_t Pid() const { return m_pid; }
+
+  // Makes the pipe of `stream` as small as the kernel allows (one page), so
+  // that the child blocks on output the test has not read yet: what the
+  // test has read then tells how far the child got. Best effort.
+  void ShrinkPipe(Stream stream) {
+    const int fd = m_fds[stream == Stream::kOut ? 0 : 1];
+    if (fd >= 0) (void)::fcntl(fd, F_SETPIPE_SZ, 4096);
+  }
 
   void Signal(int sig) {
     if (m_pid > 0) ::kill(m_pid, sig);
