@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -37,7 +38,8 @@ class WatchTest : public ::testing::Test {
   // `watch --format json` + `tail`, once it says that it watches `areas`.
   std::unique_ptr<Process> StartWatchOn(const std::vector<std::string>& tail, std::size_t areas) {
     std::vector<std::string> args = {"watch", "--format", "json"};
-    for (const std::string& arg : WatchBackendArgs()) args.push_back(arg);
+    if (std::find(tail.begin(), tail.end(), "--backend") == tail.end())
+      for (const std::string& arg : WatchBackendArgs()) args.push_back(arg);
     args.insert(args.end(), tail.begin(), tail.end());
     auto p = std::make_unique<Process>(args, Env());
     EXPECT_TRUE(p->WaitForStderr("arvo-fim: watching " + std::to_string(areas) + " area(s)"))
@@ -279,8 +281,13 @@ TEST_F(WatchTest, NoCreationIsLostWhenAMovedInDirectoryIsReshuffled) {
   const std::string parked = m_tree / "parked";
   ASSERT_EQ(::mkdir(parked.c_str(), 0755), 0);
   for (int k = 0; k < kFiller; ++k) WriteFile(parked + "/filler" + std::to_string(k), "");
+  // The race is the inotify backend's: its watches are added as it walks.
+  std::vector<std::string> tail = WatchBackendArgs();
+  if (!tail.empty() && tail[1] != "inotify") GTEST_SKIP() << "inotify backend only";
+  if (tail.empty()) tail = {"--backend", "inotify"};
   // The filler slows the walk down without filling the output pipe.
-  auto watch = StartWatch({"--exclude", "filler*"});
+  tail.insert(tail.end(), {"--exclude", "filler*", m_root});
+  auto watch = StartWatchOn(tail, 1);
   Replay replay;
   int lost = 0;
   for (int round = 0; round < kRounds; ++round) {
