@@ -23,11 +23,8 @@ int RunWatchCommand(const CommandLine& line) {
 
   OnAccessSession session;
   if (!session.Start(*runtime, config.settings, line.detections, error)) return Fail(error);
-  std::fprintf(stderr,
-               "arvo-fim: watching %zu area(s) with %s
-               ", session.WatchedAreas(),
-               runtime->WatchBackendDescription()
-                   .c_str());
+  std::fprintf(stderr, "arvo-fim: watching %zu area(s) with %s\n", session.WatchedAreas(),
+               runtime->WatchBackendDescription().c_str());
 
   while (!signals.Wait(-1, -1)) {
   }
