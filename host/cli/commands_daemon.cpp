@@ -30,7 +30,7 @@ int RunDaemonCommand(const CommandLine& line) {
   if (!session.Start(*runtime, config.settings, line.detections, error)) return Fail(error);
   std::fprintf(stderr, "arvo-fim: watch backend: %s\n", runtime->WatchBackendDescription().c_str());
   std::fprintf(stderr, "arvo-fim: watching %zu area(s), scanning every %u s\n",
-               config.settings.scanAreas.size(), line.intervalSeconds);
+               session.WatchedAreas(), line.intervalSeconds);
 
   const int intervalMs = static_cast<int>(line.intervalSeconds) * 1000;
   RunLock lock(RunLockPathFor(DatabaseFile()));

@@ -23,7 +23,7 @@ int RunWatchCommand(const CommandLine& line) {
 
   OnAccessSession session;
   if (!session.Start(*runtime, config.settings, line.detections, error)) return Fail(error);
-  std::fprintf(stderr, "arvo-fim: watching %zu area(s) with %s\n", config.settings.scanAreas.size(),
+  std::fprintf(stderr, "arvo-fim: watching %zu area(s) with %s\n", session.WatchedAreas(),
                runtime->WatchBackendDescription().c_str());
 
   // SIGUSR1 reopens the output file; every other watched signal stops.

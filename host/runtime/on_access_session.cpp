@@ -1,6 +1,7 @@
 #include "host/runtime/on_access_session.h"
 
 #include <cstdio>
+#include <vector>
 
 #include "pax/fim_tasks.h"
 
@@ -16,9 +17,12 @@ bool OnAccessSession::Start(const HostRuntime& runtime,
                             std::string& error) {
   if (ORN_FAILED(runtime.CreateTask(pax::fim::kIntegrityMonitorTaskClsid, m_task, error)))
     return false;
+  // The task subscribes every area it is given, enabled or not.
+  pax::settings::OAFIMSettings watched = settings;
+  std::erase_if(watched.scanAreas, [](const auto& area) { return !area.areaFlag; });
   orn::RefPtr<pax::fim::IIntegrityMonitorTaskConstruct> construct;
   orn::result_t r = orn::QueryInterface(m_task.Get(), construct);
-  if (ORN_SUCCEEDED(r)) r = construct->Construct(&settings);
+  if (ORN_SUCCEEDED(r)) r = construct->Construct(&watched);
   if (ORN_FAILED(r)) {
     error = DescribeFailure("the on-access monitor refused its settings", r);
     m_task.Reset();
@@ -44,6 +48,7 @@ bool OnAccessSession::Start(const HostRuntime& runtime,
     return false;
   }
   m_started = true;
+  m_watchedAreas = watched.scanAreas.size();
   return true;
 }
 

@@ -2,6 +2,7 @@
 // factory -> CreateInstance(ITask) -> Construct(settings) -> Start ... Stop.
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 #include "app_core/task_manager/task/task.h"
@@ -23,13 +24,17 @@ class OnAccessSession {
   // Stops a started task (errors are reported on stderr) and releases it.
   ~OnAccessSession();
 
-  // Creates, constructs and starts the task. With `detections`, a printer
-  // subscribed to the publisher service prints each detect event. On failure
-  // returns false, describes it in `error` and leaves nothing running.
+  // Creates, constructs and starts the task with the enabled areas of
+  // `settings` (a disabled area is not watched and need not exist). With
+  // `detections`, a printer subscribed to the publisher service prints each
+  // detect event. On failure returns false, describes it in `error` and
+  // leaves nothing running.
   bool Start(const HostRuntime& runtime, const pax::settings::OAFIMSettings& settings,
              bool detections, std::string& error);
   // Stops the task, drops the detection printer and releases the task.
   bool Stop(std::string& error);
+  // Areas the started task watches: the enabled ones of its settings.
+  std::size_t WatchedAreas() const { return m_watchedAreas; }
 
  private:
   void DropPrinter();
@@ -39,6 +44,7 @@ class OnAccessSession {
   orn::RefPtr<mdr::agent::IFileIntegrityMonitorDetectEventSubscription> m_subscription;
   orn::RefPtr<DetectionPrinter> m_printer;
   bool m_started = false;
+  std::size_t m_watchedAreas = 0;
 };
 
 }  // namespace arvo::host

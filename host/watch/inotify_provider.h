@@ -9,8 +9,11 @@
 // Each event is meaningful as it stands: `mask` is a file modification type
 // code (pax::modification): content changed, attributes changed, created,
 // deleted, renamed (moved within its directory) or moved (to another
-// directory, `formerPath` set). A move out of the watched tree reads as a
-// deletion, a move in as a creation. Only the kinds asked for in the
+// directory, `formerPath` set). A move between two subscriptions of one
+// receiver is one such move; a move out of every tree the receiver watches
+// reads as a deletion, a move in as a creation. A subscribed directory may
+// be given through a symbolic link (paths then begin with the link's path);
+// below it no link is followed. Only the kinds asked for in the
 // subscription mask (IN_MODIFY, IN_ATTRIB, IN_CREATE, IN_DELETE,
 // IN_MOVED_FROM, IN_MOVED_TO) are delivered; a deletion by move needs
 // IN_MOVED_FROM or IN_DELETE, a creation by move IN_MOVED_TO or IN_CREATE.

@@ -16,9 +16,9 @@
 #include <thread>
 #include <vector>
 
-#include "host/watch/inotify_limits.h"
 #include "host/util/scoped_fd.h"
 #include "host/util/test_temp_dir.h"
+#include "host/watch/inotify_limits.h"
 #include "orn/simple_object.h"
 #include "pax/enumerations.h"
 #include "tests/fake_host.h"
@@ -193,6 +193,35 @@ TEST_F(InotifyProviderTest, MovesAcrossTheTreeBoundaryReadAsDeletionAndCreation)
   WriteFile(P("sentinel"));
   r->WaitFor(mod::kObjectCreated, P("sentinel"));
   EXPECT_EQ(r->Count(mod::kObjectCreated, P("in/deep/g")), 0u);
+}
+
+TEST_F(InotifyProviderTest, MovesBetweenTwoTreesOfOneReceiverArePaired) {
+  ASSERT_EQ(::mkdir(P("a").c_str(), 0755), 0);
+  ASSERT_EQ(::mkdir(P("b").c_str(), 0755), 0);
+  ASSERT_EQ(::mkdir(P("a/d").c_str(), 0755), 0);
+  WriteFile(P("a/f"));
+  auto both = Watch(P("a"));
+  ASSERT_EQ(provider->Subscribe(both.Get(), P("b"), kAllKinds), 0);
+  ASSERT_EQ(::rename(P("a/f").c_str(), P("b/g").c_str()), 0);
+  EXPECT_EQ(both->WaitFor(mod::kObjectMoved, P("b/g")).formerPath, P("a/f"));
+  ASSERT_EQ(::rename(P("a/d").c_str(), P("b/d").c_str()), 0);
+  EXPECT_EQ(both->WaitFor(mod::kObjectMoved, P("b/d")).formerPath, P("a/d"));
+  WriteFile(P("b/d/inside"));  // still watched, under its new path
+  both->WaitFor(mod::kObjectCreated, P("b/d/inside"));
+  EXPECT_EQ(both->Count(mod::kObjectDeleted, P("a/f")), 0u);
+  EXPECT_EQ(both->Count(mod::kObjectCreated, P("b/g")), 0u);
+  EXPECT_EQ(both->Count(mod::kObjectDeleted, P("a/d")), 0u);
+}
+
+TEST_F(InotifyProviderTest, ARootGivenThroughALinkIsWatchedButNoLinkBelowIt) {
+  ASSERT_EQ(::mkdir(P("real").c_str(), 0755), 0);
+  ASSERT_EQ(::symlink(P("real").c_str(), P("link").c_str()), 0);
+  ASSERT_EQ(::symlink(outside.Path().c_str(), P("real/out").c_str()), 0);
+  auto r = Watch(P("link"));
+  WriteFile(outside / "beyond");
+  WriteFile(P("real/f"));
+  r->WaitFor(mod::kObjectCreated, P("link/f"));
+  for (const Event& e : r->Events()) EXPECT_EQ(e.path, P("link/f"));
 }
 
 TEST_F(InotifyProviderTest, OverlappingSubscriptionsGiveEachReceiverItsEventOnce) {

@@ -73,10 +73,10 @@ ScopedFd OpenDirectory(const std::string& path, bool followLink) {
   return dir;
 }
 
-int InotifyRegistrar::AddWatch(int dirFd, const std::string& path) {
+int InotifyRegistrar::AddWatch(int dirFd, const std::string& path, bool followLink) {
   int wd;
   if (path.size() < PATH_MAX) {
-    wd = ::inotify_add_watch(m_fd, path.c_str(), kWatchMask | IN_DONT_FOLLOW);
+    wd = ::inotify_add_watch(m_fd, path.c_str(), kWatchMask | (followLink ? 0 : IN_DONT_FOLLOW));
   } else {
     // Too long for the kernel to resolve: watch the open directory itself.
     char procPath[64];
@@ -223,7 +223,9 @@ bool InotifyWatchTree::ReadEntries(int fd, const std::string& path,
 }
 
 int InotifyWatchTree::WatchDirectory(Node* node, int fd, const std::string& path) {
-  const int wd = m_registrar.AddWatch(fd, path);
+  // Only a subscription's root may be reached through a link (it was opened
+  // following it); every directory below was opened without following.
+  const int wd = m_registrar.AddWatch(fd, path, node->parent == nullptr);
   if (wd < 0) {
     if (-wd == ENOSPC) {
       (void)ORN_CHECK_AS(
@@ -397,7 +399,7 @@ void InotifyWatchTree::HandleOnNode(Node* node, const RawInotifyEvent& raw, std:
     Emit(sub, mod::kObjectCreated, bits, std::move(path), {}, isDirectory, first, out);
     if (isDirectory) WatchNew(node, raw.name, bits, first, out);
   } else if (raw.mask & (IN_DELETE | IN_MOVED_FROM)) {
-    sub.caughtUp.erase(path);  // a later creation under this name is a new one
+    ForgetCaughtUp(sub, path, isDirectory);  // a later creation under this name is a new one
     const std::uint32_t bits = (raw.mask & IN_DELETE) ? IN_DELETE : IN_MOVED_FROM | IN_DELETE;
     Emit(sub, mod::kObjectDeleted, bits, std::move(path), {}, isDirectory, first, out);
     if (isDirectory) RemoveChild(node, raw.name);
@@ -436,6 +438,10 @@ void InotifyWatchTree::HandleSelf(Node* node, const RawInotifyEvent& raw, std::s
   }
 }
 
+// A receiver is told of one move, not of a creation and a deletion, when
+// the object leaves one of its subscriptions' trees for another (cookies
+// belong to the inotify instance, which every subscription shares). A
+// receiver that watches only one side sees a creation or a deletion.
 void InotifyWatchTree::HandleMove(const RawInotifyEvent& raw, std::size_t first,
                                   std::vector<InotifyDelivery>& out) {
   const bool isDirectory = raw.mask & IN_ISDIR;
@@ -443,31 +449,81 @@ void InotifyWatchTree::HandleMove(const RawInotifyEvent& raw, std::size_t first,
   for (auto& [id, sub] : m_subs) {
     Node* from = FirstNodeOf(raw.wd, sub.get());
     Node* to = FirstNodeOf(raw.toWd, sub.get());
-    if (from || to) plans.push_back({sub.get(), from, to});
+    if (!from && !to) continue;
+    plans.push_back({sub.get(), from, to, from ? JoinPath(PathOf(from), raw.name) : std::string(),
+                     to ? JoinPath(PathOf(to), raw.toName) : std::string()});
+  }
+  // Records repeating what a catch-up walk found under the former name came
+  // before this one: a later record about that name is a new change.
+  for (const MovePlan& plan : plans) {
+    if (plan.from) ForgetCaughtUp(*plan.sub, plan.formerPath, isDirectory);
   }
   // Destinations first: a directory moving from one subscription's tree into
   // another's keeps its kernel watch instead of losing and regaining it.
   for (const MovePlan& plan : plans) {
-    if (!plan.to) continue;
-    std::string path = JoinPath(PathOf(plan.to), raw.toName);
-    if (plan.from) {
-      std::string former = JoinPath(PathOf(plan.from), raw.name);
-      const std::uint32_t code = plan.from == plan.to ? mod::kObjectRenamed : mod::kObjectMoved;
-      Emit(*plan.sub, code, IN_MOVED_FROM | IN_MOVED_TO, std::move(path), std::move(former),
-           isDirectory, first, out);
-      if (isDirectory) Relink(plan.from, raw.name, plan.to, raw.toName, first, out);
-    } else {
-      Emit(*plan.sub, mod::kObjectCreated, IN_MOVED_TO | IN_CREATE, std::move(path), {},
-           isDirectory, first, out);
-      if (isDirectory) WatchNew(plan.to, raw.toName, IN_MOVED_TO | IN_CREATE, first, out);
-    }
+    if (plan.to) MoveIn(plan, SourceFor(plans, plan), raw, first, out);
   }
   for (const MovePlan& plan : plans) {
     if (!plan.from || plan.to) continue;
-    Emit(*plan.sub, mod::kObjectDeleted, IN_MOVED_FROM | IN_DELETE,
-         JoinPath(PathOf(plan.from), raw.name), {}, isDirectory, first, out);
+    if (!HasDestinationFor(plans, plan)) {
+      Emit(*plan.sub, mod::kObjectDeleted, IN_MOVED_FROM | IN_DELETE, plan.formerPath, {},
+           isDirectory, first, out);
+    }
     if (isDirectory) RemoveChild(plan.from, raw.name);
   }
+}
+
+// The destination side of a joined move for one subscription; `source` is
+// the plan (this one or another of the same receiver) that saw it leave.
+void InotifyWatchTree::MoveIn(const MovePlan& plan, const MovePlan* source,
+                              const RawInotifyEvent& raw, std::size_t first,
+                              std::vector<InotifyDelivery>& out) {
+  Subscription& sub = *plan.sub;
+  const bool isDirectory = raw.mask & IN_ISDIR;
+  // When a catch-up walk found the object under its new name, no record
+  // repeating that is still queued: a later record about the name is new.
+  const bool caughtUp = sub.caughtUp.erase(plan.path) != 0;
+  if (!source) {
+    // Already reported, and watched if a directory, by a catch-up walk.
+    if (caughtUp) return;
+    Emit(sub, mod::kObjectCreated, IN_MOVED_TO | IN_CREATE, plan.path, {}, isDirectory, first, out);
+    if (isDirectory) WatchNew(plan.to, raw.toName, IN_MOVED_TO | IN_CREATE, first, out);
+    return;
+  }
+  const std::uint32_t code = plan.from == plan.to ? mod::kObjectRenamed : mod::kObjectMoved;
+  Emit(sub, code, IN_MOVED_FROM | IN_MOVED_TO, plan.path, source->formerPath, isDirectory, first,
+       out);
+  if (!isDirectory) return;
+  if (plan.from) {
+    Relink(plan.from, raw.name, plan.to, raw.toName, first, out);
+  } else {
+    WatchNew(plan.to, raw.toName, 0, first, out);  // its entries moved with it: nothing is new
+  }
+}
+
+const InotifyWatchTree::MovePlan* InotifyWatchTree::SourceFor(const std::vector<MovePlan>& plans,
+                                                              const MovePlan& plan) {
+  if (plan.from) return &plan;
+  for (const MovePlan& other : plans) {
+    if (other.from && other.sub->receiver.Get() == plan.sub->receiver.Get()) return &other;
+  }
+  return nullptr;
+}
+
+bool InotifyWatchTree::HasDestinationFor(const std::vector<MovePlan>& plans, const MovePlan& plan) {
+  return std::any_of(plans.begin(), plans.end(), [&](const MovePlan& other) {
+    return other.to && other.sub->receiver.Get() == plan.sub->receiver.Get();
+  });
+}
+
+void InotifyWatchTree::ForgetCaughtUp(Subscription& sub, const std::string& path,
+                                      bool isDirectory) {
+  if (sub.caughtUp.empty()) return;
+  sub.caughtUp.erase(path);
+  if (!isDirectory) return;
+  const std::string prefix = JoinPath(path, "");
+  auto it = sub.caughtUp.lower_bound(prefix);
+  while (it != sub.caughtUp.end() && it->starts_with(prefix)) it = sub.caughtUp.erase(it);
 }
 
 void InotifyWatchTree::HandleOverflow(std::vector<InotifyDelivery>& out) {

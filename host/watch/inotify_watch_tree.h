@@ -18,13 +18,13 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <unordered_map>
-#include <unordered_set>
 #include <vector>
 
-#include "host/watch/inotify_event_reader.h"
 #include "host/util/scoped_fd.h"
+#include "host/watch/inotify_event_reader.h"
 #include "orn/ref_ptr.h"
 #include "orn/tracer.h"
 #include "pax/inotify.h"
@@ -36,8 +36,11 @@ class IWatchRegistrar {
  public:
   virtual ~IWatchRegistrar() = default;
   // Watches the directory open as `dirFd`, reached at `path`, with the
-  // provider's fixed mask. Returns the watch descriptor or -errno.
-  virtual int AddWatch(int dirFd, const std::string& path) = 0;
+  // provider's fixed mask. `followLink` lets a final symbolic link in `path`
+  // be followed: only for a subscription's root, which may be given through
+  // a link; below it nothing is followed. Returns the watch descriptor or
+  // -errno.
+  virtual int AddWatch(int dirFd, const std::string& path, bool followLink) = 0;
   virtual void RemoveWatch(int wd) = 0;
 };
 
@@ -51,7 +54,7 @@ class InotifyRegistrar final : public IWatchRegistrar {
                                               IN_CREATE | IN_DELETE | IN_DELETE_SELF |
                                               IN_MOVE_SELF | IN_EXCL_UNLINK | IN_ONLYDIR;
   explicit InotifyRegistrar(int inotifyFd) : m_fd(inotifyFd) {}
-  int AddWatch(int dirFd, const std::string& path) override;
+  int AddWatch(int dirFd, const std::string& path, bool followLink) override;
   void RemoveWatch(int wd) override;
 
  private:
@@ -116,16 +119,22 @@ class InotifyWatchTree {
     // Paths a catch-up walk reported as created whose own creation record
     // may still be queued (the entry appeared after the watch was added but
     // before the walk read it). Such a record is dropped, not reported twice.
-    std::unordered_set<std::string> caughtUp;
+    // Ordered, so that a directory's entries are forgotten as one range.
+    std::set<std::string> caughtUp;
   };
   struct Found {
     std::string path;
     bool isDirectory = false;
   };
+  // What one joined move means to one subscription: its node of the source
+  // directory, of the destination directory (either may be null), and both
+  // full paths, composed before any tree changes.
   struct MovePlan {
     Subscription* sub;
     Node* from;
     Node* to;
+    std::string formerPath;
+    std::string path;
   };
 
   // Watches `top` (open as `fd`, at `path`) and every directory under it,
@@ -153,6 +162,11 @@ class InotifyWatchTree {
   void HandleSelf(Node* node, const RawInotifyEvent& raw, std::size_t first,
                   std::vector<InotifyDelivery>& out);
   void HandleMove(const RawInotifyEvent& raw, std::size_t first, std::vector<InotifyDelivery>& out);
+  void MoveIn(const MovePlan& plan, const MovePlan* source, const RawInotifyEvent& raw,
+              std::size_t first, std::vector<InotifyDelivery>& out);
+  static const MovePlan* SourceFor(const std::vector<MovePlan>& plans, const MovePlan& plan);
+  static bool HasDestinationFor(const std::vector<MovePlan>& plans, const MovePlan& plan);
+  static void ForgetCaughtUp(Subscription& sub, const std::string& path, bool isDirectory);
   void HandleOverflow(std::vector<InotifyDelivery>& out);
   void WatchNew(Node* parent, const std::string& name, std::uint32_t creationBits,
                 std::size_t first, std::vector<InotifyDelivery>& out);

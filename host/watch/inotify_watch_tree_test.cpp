@@ -24,7 +24,7 @@ class FakeRegistrar final : public IWatchRegistrar {
   std::size_t limit = 1000;
   std::map<std::pair<dev_t, ino_t>, int> live;
 
-  int AddWatch(int dirFd, const std::string&) override {
+  int AddWatch(int dirFd, const std::string&, bool) override {
     struct stat st;
     if (::fstat(dirFd, &st) != 0) return -errno;
     const auto key = std::make_pair(st.st_dev, st.st_ino);
@@ -133,6 +133,108 @@ TEST_F(InotifyWatchTreeTest, ACatchUpEntryIsReportedOnceUntilTheQueueIsDrained) 
   EXPECT_EQ(record(dir.Path(), IN_CREATE | IN_ISDIR, "other").size(), 2u);
   tree.ForgetCatchUp();
   EXPECT_EQ(record(dir / "other", IN_CREATE, "g").size(), 1u);
+}
+
+// The records of one rename, joined as the reader hands them out.
+RawInotifyEvent JoinedMove(int wd, const char* name, int toWd, const char* toName,
+                           bool isDirectory = false) {
+  RawInotifyEvent r;
+  r.wd = wd;
+  r.mask = IN_MOVED_FROM | (isDirectory ? IN_ISDIR : 0);
+  r.name = name;
+  r.toWd = toWd;
+  r.toName = toName;
+  return r;
+}
+
+TEST_F(InotifyWatchTreeTest, ARenameBeforeTheQueueDrainsLeavesTheOldNameFreeForANewObject) {
+  ASSERT_EQ(tree.Subscribe(first.Get(), dir.Path(), 0x3C6, nullptr), 0);
+  // Moved in with a file and a directory inside: the catch-up walk finds both.
+  ASSERT_EQ(::mkdir((dir / "in").c_str(), 0755), 0);
+  ASSERT_EQ(::close(::creat((dir / "in/f").c_str(), 0644)), 0);
+  ASSERT_EQ(::mkdir((dir / "in/d").c_str(), 0755), 0);
+  ASSERT_EQ(::close(::creat((dir / "in/d/x").c_str(), 0644)), 0);
+  auto translate = [&](const RawInotifyEvent& r) {
+    std::vector<InotifyDelivery> out;
+    tree.Translate(r, out);
+    return out;
+  };
+  auto record = [&](const std::string& parent, std::uint32_t mask, const char* name) {
+    RawInotifyEvent r;
+    r.wd = registrar.WdOf(parent);
+    r.mask = mask;
+    r.name = name;
+    return translate(r);
+  };
+  ASSERT_EQ(record(dir.Path(), IN_MOVED_TO | IN_ISDIR, "in").size(), 4u);
+  // Both renamed, then new objects made under the old names, all before the
+  // queue drained: the new objects' records are the only news of them.
+  ASSERT_EQ(::rename((dir / "in/f").c_str(), (dir / "in/g").c_str()), 0);
+  ASSERT_EQ(::close(::creat((dir / "in/f").c_str(), 0644)), 0);
+  ASSERT_EQ(::rename((dir / "in/d").c_str(), (dir / "in/e").c_str()), 0);
+  ASSERT_EQ(::mkdir((dir / "in/d").c_str(), 0755), 0);
+  const int in = registrar.WdOf(dir / "in");
+  ASSERT_EQ(translate(JoinedMove(in, "f", in, "g")).size(), 1u);
+  const auto file = record(dir / "in", IN_CREATE, "f");
+  ASSERT_EQ(file.size(), 1u);
+  EXPECT_EQ(file[0].event.mask, pax::modification::kObjectCreated);
+  EXPECT_EQ(file[0].event.path, dir / "in/f");
+  ASSERT_EQ(translate(JoinedMove(in, "d", in, "e", true)).size(), 1u);
+  const auto directory = record(dir / "in", IN_CREATE | IN_ISDIR, "d");
+  ASSERT_EQ(directory.size(), 1u);
+  EXPECT_EQ(directory[0].event.path, dir / "in/d");
+}
+
+TEST_F(InotifyWatchTreeTest, AMoveBetweenTwoTreesOfOneReceiverIsOneMove) {
+  ASSERT_EQ(tree.Subscribe(first.Get(), dir / "a", 0x3C6, nullptr), 0);
+  ASSERT_EQ(tree.Subscribe(first.Get(), dir / "b", 0x3C6, nullptr), 0);
+  ASSERT_EQ(tree.Subscribe(second.Get(), dir / "b", 0x3C6, nullptr), 0);
+  const int a = registrar.WdOf(dir / "a");
+  const int b = registrar.WdOf(dir / "b");
+  auto translate = [&](const RawInotifyEvent& r) {
+    std::vector<InotifyDelivery> out;
+    tree.Translate(r, out);
+    return out;
+  };
+  struct Seen {
+    pax::IInotifyEventsReceiver* receiver;
+    std::uint32_t mask;
+    std::string path;
+    std::string formerPath;
+    bool operator==(const Seen&) const = default;
+  };
+  auto seen = [&](const std::vector<InotifyDelivery>& out) {
+    std::vector<Seen> all;
+    for (const InotifyDelivery& d : out) {
+      all.push_back(
+          {tree.ReceiverOf(d.subscription).Get(), d.event.mask, d.event.path, d.event.formerPath});
+    }
+    return all;
+  };
+  namespace mod = pax::modification;
+  // Into b: one move for the receiver that watches both, a creation for the
+  // one that watches b only.
+  EXPECT_EQ(seen(translate(JoinedMove(a, "f", b, "g"))),
+            (std::vector<Seen>{{first.Get(), mod::kObjectMoved, dir / "b/g", dir / "a/f"},
+                               {second.Get(), mod::kObjectCreated, dir / "b/g", ""}}));
+  // Out of b: the move again, and a deletion for the other receiver.
+  EXPECT_EQ(seen(translate(JoinedMove(b, "g", a, "f"))),
+            (std::vector<Seen>{{first.Get(), mod::kObjectMoved, dir / "a/f", dir / "b/g"},
+                               {second.Get(), mod::kObjectDeleted, dir / "b/g", ""}}));
+  // A directory keeps its watch and is found under its new path.
+  ASSERT_EQ(::rename((dir / "a/x").c_str(), (dir / "b/y").c_str()), 0);
+  const int moved = registrar.WdOf(dir / "b/y");
+  const auto out = translate(JoinedMove(a, "x", b, "y", true));
+  ASSERT_EQ(out.size(), 2u);
+  EXPECT_EQ(out[0].event.formerPath, dir / "a/x");
+  EXPECT_EQ(registrar.WdOf(dir / "b/y"), moved);
+  RawInotifyEvent inside;
+  inside.wd = moved;
+  inside.mask = IN_CREATE;
+  inside.name = "z";
+  EXPECT_EQ(seen(translate(inside)),
+            (std::vector<Seen>{{first.Get(), mod::kObjectCreated, dir / "b/y/z", ""},
+                               {second.Get(), mod::kObjectCreated, dir / "b/y/z", ""}}));
 }
 
 }  // namespace

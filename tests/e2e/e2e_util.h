@@ -189,6 +189,8 @@ class Process {
     return true;
   }
 
+  pid_t Pid() const { return m_pid; }
+
   // Makes the pipe of `stream` as small as the kernel allows (one page), so
   // that the child blocks on output the test has not read yet: what the
   // test has read then tells how far the child got. Best effort.
@@ -196,6 +198,7 @@ class Process {
     const int fd = m_fds[stream == Stream::kOut ? 0 : 1];
     if (fd >= 0) (void)::fcntl(fd, F_SETPIPE_SZ, 4096);
   }
+
   void Signal(int sig) {
     if (m_pid > 0) ::kill(m_pid, sig);
   }
