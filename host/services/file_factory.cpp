@@ -15,6 +15,7 @@
 #include "host/util/scoped_fd.h"
 #include "orn/simple_object.h"
 #include "orn/text.h"
+#include "pax_common/beneath.h"
 
 namespace arvo::host {
 namespace {
@@ -100,6 +101,16 @@ int OpenPath(const std::string& path, int flags, ScopedFd& out) {
   return 0;
 }
 
+// OpenAt beneath `dir`: no symbolic link is followed on the way.
+int OpenBeneath(int dir, const std::string& relative, int flags, ScopedFd& out) {
+  int fd = pax::tools::OpenBeneath(dir, relative, flags);
+  if (fd < 0 && errno == EPERM && (flags & O_NOATIME) != 0)
+    fd = pax::tools::OpenBeneath(dir, relative, flags & ~O_NOATIME);
+  if (fd < 0) return errno;
+  out.Reset(fd);
+  return 0;
+}
+
 // Keeps only regular files. O_NONBLOCK, needed so that opening a FIFO or a
 // device never blocks, has no effect on reads of a regular file, so it stays.
 orn::result_t AcceptRegular(const ScopedFd& fd, struct stat& st) {
@@ -109,10 +120,26 @@ orn::result_t AcceptRegular(const ScopedFd& fd, struct stat& st) {
   return orn::errors::kOk;
 }
 
-class FileFactory final : public orn::SimpleObject<orn::IFileFactory> {
+class FileFactory final : public orn::SimpleObject<orn::IFileFactory, orn::IFileFactoryAt> {
  public:
   orn::result_t CreateFile(const char16_t* path, std::uint32_t accessMask, std::uint32_t,
                            std::uint32_t disposition, std::uint32_t, orn::IIO** io) override {
+    return Create(AT_FDCWD, path, accessMask, disposition, io);
+  }
+  orn::result_t CreateFileAt(int directoryFd, const char16_t* relativePath,
+                             std::uint32_t accessMask, std::uint32_t, std::uint32_t disposition,
+                             std::uint32_t, orn::IIO** io) override {
+    if (directoryFd < 0) {
+      if (io) *io = nullptr;
+      return orn::ResultFromErrno(EBADF);
+    }
+    return Create(directoryFd, relativePath, accessMask, disposition, io);
+  }
+
+ private:
+  // `dir` AT_FDCWD: `path` as given; otherwise beneath `dir`.
+  static orn::result_t Create(int dir, const char16_t* path, std::uint32_t accessMask,
+                              std::uint32_t disposition, orn::IIO** io) {
     if (!io) return orn::errors::kInvalidArgument;
     *io = nullptr;
     if (!path) return orn::errors::kInvalidArgument;
@@ -121,8 +148,9 @@ class FileFactory final : public orn::SimpleObject<orn::IFileFactory> {
     try {
       const std::string narrow = orn::text::WideToNarrow(path);
       ScopedFd fd;
-      if (const int err = OpenPath(narrow, kOpenFlags, fd); err != 0)
-        return orn::ResultFromErrno(err);
+      const int err = dir == AT_FDCWD ? OpenPath(narrow, kOpenFlags, fd)
+                                      : OpenBeneath(dir, narrow, kOpenFlags, fd);
+      if (err != 0) return orn::ResultFromErrno(err);
       struct stat st {};
       if (const orn::result_t r = AcceptRegular(fd, st); ORN_FAILED(r)) return r;
       *io = orn::MakeSimple<FileIO>(std::move(fd), st).Detach();

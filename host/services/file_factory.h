@@ -11,6 +11,12 @@
 // than PATH_MAX are opened by walking relative to intermediate directories.
 // OS failures map through orn::ResultFromErrno.
 //
+// The same object offers orn::IFileFactoryAt: CreateFileAt opens a relative
+// path beneath a directory descriptor with the same rules, resolving no
+// component through a symbolic link (pax_common/beneath.h), so that a walk
+// that holds its directories open reads the files it found there and never
+// files a swapped-in link points at.
+//
 // The IIO owns its descriptor. Read retries EINTR; GetIdentity reports fstat
 // of the open descriptor.
 #pragma once

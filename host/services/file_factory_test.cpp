@@ -92,3 +92,38 @@ TEST_F(FileFactoryTest, OpensPathLongerThanPathMax) {
 
 }  // namespace
 }  // namespace arvo::host
+
+namespace arvo::host {
+namespace {
+
+// Opens beneath a directory: what is found there, never what a link leads to.
+TEST_F(FileFactoryTest, OpensBeneathADirectoryWithoutFollowingLinks) {
+  orn::RefPtr<orn::IFileFactoryAt> at;
+  ASSERT_EQ(orn::QueryInterface(m_factory.Get(), at), 0);
+  ASSERT_EQ(::mkdir((m_dir / "area").c_str(), 0700), 0);
+  ASSERT_EQ(::mkdir((m_dir / "area/sub").c_str(), 0700), 0);
+  m_dir.Write("area/sub/f", "inside");
+  ASSERT_EQ(::mkdir((m_dir / "outside").c_str(), 0700), 0);
+  m_dir.Write("outside/f", "outside");
+  ASSERT_EQ(::symlink((m_dir / "outside").c_str(), (m_dir / "area/swapped").c_str()), 0);
+  ScopedFd area(::open((m_dir / "area").c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+
+  auto openAt = [&](const char16_t* relative, orn::RefPtr<orn::IIO>& io) {
+    return at->CreateFileAt(area.Get(), relative, orn::file::kAccessRead, orn::file::kShareRead,
+                            orn::file::kOpenExisting, 0, io.Ref());
+  };
+  orn::RefPtr<orn::IIO> io;
+  ASSERT_EQ(openAt(u"sub/f", io), 0);
+  EXPECT_EQ(ReadAll(*io), "inside");
+  io.Reset();
+  EXPECT_EQ(openAt(u"swapped/f", io), orn::ResultFromErrno(ELOOP));
+  EXPECT_EQ(openAt(u"../outside/f", io), orn::ResultFromErrno(EXDEV));
+  EXPECT_EQ(openAt(u"sub", io), orn::ResultFromErrno(EISDIR));
+  EXPECT_FALSE(io);
+  EXPECT_EQ(at->CreateFileAt(-1, u"sub/f", orn::file::kAccessRead, orn::file::kShareRead,
+                             orn::file::kOpenExisting, 0, io.Ref()),
+            orn::ResultFromErrno(EBADF));
+}
+
+}  // namespace
+}  // namespace arvo::host

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 
+#include "area_resolver.h"
 #include "directory_walker.h"
 #include "failure_actions.h"
 #include "framework/check.h"
@@ -161,6 +162,10 @@ result_t AreaSnapshotBuilder::WalkDirectory(const AreaRun& run, SnapshotBuilder&
                        "Cannot open '" << native << "'");
       ORN_FAILED(r))
     return r;
+  // Below the root, objects are taken beneath the directories the walk
+  // holds, never through a symbolic link.
+  const AreaResolver resolver(enumerator);
+  const ScopedResolver resolving(m_context, resolver);
 
   result_t result = orn::errors::kOk;
   DirectoryWalker::Entry currentObject;
@@ -177,7 +182,7 @@ result_t AreaSnapshotBuilder::WalkDirectory(const AreaRun& run, SnapshotBuilder&
     // A regular file lives on its directory's file system, which passed this
     // test when the directory was entered: only directories (mount points)
     // and links (the test follows them) can lead elsewhere.
-    if (!currentObject.isRegularFile && OnPseudoFileSystem(currentObject.path)) continue;
+    if (!currentObject.isRegularFile && resolver.OnPseudoFileSystem(currentObject.path)) continue;
     const result_t recorded = builder.BuildSnapshot(currentObject.path, run.scanScopeId);
     if (ORN_FAILED(recorded)) {
       result = ORN_CHECK_AS(Tracer(), recorded,

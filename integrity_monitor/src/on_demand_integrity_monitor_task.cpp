@@ -92,6 +92,10 @@ result_t OnDemandIntegrityMonitorTask::FinalConstruct() {
   m_context.integrityMonitorPublisher = m_integrityMonitorPublisher.Get();
   m_context.sha256Provider = m_sha256Provider.Get();
   m_context.fileFactory = m_fileFactory.Get();
+  // Optional: a host without it has files opened by path, checked against
+  // what the walk found (area_resolver.h).
+  if (ORN_SUCCEEDED(orn::QueryInterface(m_fileFactory.Get(), m_fileFactoryAt)))
+    m_context.fileFactoryAt = m_fileFactoryAt.Get();
 
   std::lock_guard lock(m_mutex);
   return ORN_CHECK(GetTracer(), CreateMatcher(), "Cannot create path matcher");

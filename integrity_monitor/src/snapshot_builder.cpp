@@ -8,6 +8,7 @@
 
 #include <boost/format.hpp>
 
+#include "area_resolver.h"
 #include "framework/check.h"
 #include "framework/trace.h"
 #include "orn/file.h"
@@ -100,7 +101,7 @@ SnapshotBuilder::SnapshotBuilder(OnDemandContext& context, IntegrityDatabase& db
 result_t SnapshotBuilder::BuildSnapshot(const NativePath& path, std::uint64_t scanScopeId) {
   orn::ITracer* const tracer = m_context.tracer;
   struct stat st {};
-  const bool statOk = tools::LStatFile(path, &st) != -1;
+  const bool statOk = ResolverOf(m_context).LStat(path, &st) != -1;
   const int statErr = errno;
   if (!ORN_CHECK_BOOL_AS(tracer, statOk, "tools::LStatFile(path, &st) != -1",
                          "Cannot stat for '" << path << "': " << ErrnoText(statErr)))
@@ -136,16 +137,10 @@ result_t SnapshotBuilder::BuildSnapshot(const NativePath& path, std::uint64_t sc
 result_t SnapshotBuilder::GetFileHash(const NativePath& path, const struct stat& st,
                                       Sha256Digest& hash) {
   orn::ITracer* const tracer = m_context.tracer;
-  const orn::types::string16_t wPath = orn::text::NarrowToWide(path);
-  const std::uint32_t accessMask = orn::file::kAccessRead;
-  const std::uint32_t shareMode = orn::file::kShareRead;
-  const std::uint32_t disposition = orn::file::kOpenExisting;
-  const std::uint32_t flagsAndAttributes = 0;
   orn::RefPtr<orn::IIO> io;
+  // Read access, shared, an existing file; beneath the walk's directory.
   if (const result_t r = ORN_CHECK_AS(
-          tracer,
-          m_context.fileFactory->CreateFile(wPath.c_str(), accessMask, shareMode, disposition,
-                                            flagsAndAttributes, io.Ref()),
+          tracer, ResolverOf(m_context).OpenFile(m_context, path, io.Ref()),
           "m_fileFactory->CreateFile(wPath.c_str(), accessMask, shareMode, disposition, "
           "flagsAndAttributes, io.Ref())",
           "Cannot open file '" << path << "'");
@@ -171,7 +166,8 @@ result_t SnapshotBuilder::GetFileHash(const NativePath& path, const struct stat&
 result_t SnapshotBuilder::GetAcl(const NativePath& path, orn::types::blob_t& acl) const {
   orn::ITracer* const tracer = m_context.tracer;
   ORN_TRACE(tracer, orn::kTraceLevelDetail) << kOdfimPrefix << __PRETTY_FUNCTION__;
-  const ssize_t size = pax::tools::LGetXattr(path, kAclAttribute, nullptr, 0);
+  const AreaResolver& resolver = ResolverOf(m_context);
+  const ssize_t size = resolver.LGetXattr(path, kAclAttribute, nullptr, 0);
   if (size == -1) {
     const int err = errno;
     // No ACL, no ACL support, or one too large to be an access ACL: all
@@ -182,7 +178,7 @@ result_t SnapshotBuilder::GetAcl(const NativePath& path, orn::types::blob_t& acl
     return orn::errors::kUnspecified;
   }
   acl.resize(static_cast<std::size_t>(size));
-  const ssize_t buflen = pax::tools::LGetXattr(path, kAclAttribute, acl.data(), acl.size());
+  const ssize_t buflen = resolver.LGetXattr(path, kAclAttribute, acl.data(), acl.size());
   const int err = errno;
   if (!ORN_CHECK_BOOL(tracer, buflen != -1, "Cannot get acl attributes: " << ErrnoText(err)))
     return orn::errors::kUnspecified;
