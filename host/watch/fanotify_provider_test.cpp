@@ -188,7 +188,7 @@ TEST_F(FanotifyProviderTest, ALargeTreeNeedsOneMarkAndNoWatches) {
   const int inotifyBefore = CountFdinfoLines("inotify wd:");
   ASSERT_EQ(m_provider->Subscribe(m_recorder.Get(), m_dir.Path(), kAll), orn::errors::kOk);
   EXPECT_EQ(CountFdinfoLines("inotify wd:"), inotifyBefore);
-  EXPECT_EQ(CountFdinfoLines("fanotify "), 1) << "one mark for the one file system";
+  EXPECT_EQ(CountFdinfoLines("fanotify sdev:"), 1) << "one mark for the one file system";
   int release = -1;
   const pid_t child = Spawn("echo x > '" + deepest + "/f'", release);  // not our own change
   EXPECT_TRUE(m_recorder->WaitFor(mod::kObjectCreated, deepest + "/f"));

@@ -59,7 +59,7 @@ std::string FanotifyResolver::KeyOf(const FanotifyDirectory& directory) {
 std::optional<std::string> FanotifyResolver::Open(const FanotifyDirectory& directory) const {
   const auto mount = m_mounts.find(directory.fsid);
   if (mount == m_mounts.end()) return std::nullopt;
-  const ScopedFd mountFd(::open(mount->second.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  const ScopedFd mountFd(::open(mount->second.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!mountFd.Valid() || FileSystemIdOf(mountFd.Get()) != directory.fsid) return std::nullopt;
   std::vector<char> storage(sizeof(file_handle) + directory.handle.size());
   auto* handle = reinterpret_cast<file_handle*>(storage.data());

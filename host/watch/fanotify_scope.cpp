@@ -10,10 +10,11 @@ namespace arvo::host {
 namespace modification = pax::modification;
 
 std::uint64_t FanotifyScope::Add(pax::IInotifyEventsReceiver* receiver, const std::string& root,
-                                 const std::string& realRoot, std::uint32_t mask) {
+                                 const std::string& realRoot, std::uint64_t fsid,
+                                 std::uint32_t mask) {
   const std::uint64_t id = m_nextId++;
-  m_subs.emplace(
-      id, Subscription{orn::RefPtr<pax::IInotifyEventsReceiver>(receiver), root, realRoot, mask});
+  m_subs.emplace(id, Subscription{orn::RefPtr<pax::IInotifyEventsReceiver>(receiver), root,
+                                  realRoot, fsid, mask});
   return id;
 }
 

@@ -202,7 +202,6 @@ class Process {
   void Signal(int sig) {
     if (m_pid > 0) ::kill(m_pid, sig);
   }
-  pid_t Pid() const { return m_pid; }
 
   // Drains both streams to their end and reaps the child; its exit code, or
   // 128 + signal, or -1 when it did not end by the deadline.
