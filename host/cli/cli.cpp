@@ -3,15 +3,16 @@
 #include <charconv>
 #include <string_view>
 
+#include "host/config/config.h"
 #include "host/services/tracer.h"
 
 namespace arvo::host {
 namespace {
 
 // Bits of the commands an option is valid for.
-enum : unsigned { kGlobal = 1, kWatch = 2, kScan = 4, kDaemon = 8, kOthers = 16 };
+enum : unsigned { kGlobal = 1, kWatch = 2, kScan = 4, kDaemon = 8, kOthers = 16, kConfigOnly = 32 };
 constexpr unsigned kMonitors = kWatch | kScan | kDaemon;
-constexpr unsigned kAnywhere = kGlobal | kMonitors | kOthers;
+constexpr unsigned kAnywhere = kGlobal | kMonitors | kOthers | kConfigOnly;
 
 struct OptionInfo {
   std::string_view name;
@@ -23,7 +24,7 @@ constexpr OptionInfo kOptions[] = {
     {"--module", true, kGlobal},
     {"--trace-level", true, kAnywhere},
     {"--trace-file", true, kAnywhere},
-    {"--config", true, kMonitors},
+    {"--config", true, kMonitors | kConfigOnly},
     {"--exclude", true, kMonitors},
     {"--format", true, kMonitors},
     {"--output", true, kMonitors},
@@ -35,14 +36,16 @@ constexpr OptionInfo kOptions[] = {
     {"--interval", true, kDaemon},
 };
 
-constexpr std::uint32_t kMaxIntervalSeconds = 2'000'000;  // poll() takes int milliseconds
-
 unsigned ScopeOf(Command command) {
   switch (command) {
     case Command::kWatch:
       return kWatch;
     case Command::kScan:
+    case Command::kAccept:
       return kScan;
+    case Command::kStatus:
+    case Command::kCheckConfig:
+      return kConfigOnly;
     case Command::kDaemon:
       return kDaemon;
     default:
@@ -55,6 +58,9 @@ std::optional<Command> CommandNamed(std::string_view word) {
   if (word == "watch") return Command::kWatch;
   if (word == "scan") return Command::kScan;
   if (word == "daemon") return Command::kDaemon;
+  if (word == "status") return Command::kStatus;
+  if (word == "accept") return Command::kAccept;
+  if (word == "check-config") return Command::kCheckConfig;
   if (word == "version") return Command::kVersion;
   if (word == "help") return Command::kHelp;
   return std::nullopt;
@@ -99,12 +105,13 @@ bool Apply(std::string_view name, const std::string& value, CommandLine& out, st
   } else if (name == "--report-atime") {
     out.reportAccessTime = true;
   } else if (name == "--interval") {
-    if (!ParseNumber(value, out.intervalSeconds) || out.intervalSeconds == 0 ||
-        out.intervalSeconds > kMaxIntervalSeconds) {
-      error = "invalid interval '" + value + "' (expected 1 to " +
-              std::to_string(kMaxIntervalSeconds) + " seconds)";
+    std::uint32_t seconds = 0;
+    if (!ParseNumber(value, seconds) || seconds > kMaxScanIntervalSeconds) {
+      error = "invalid interval '" + value + "' (expected 0 to " +
+              std::to_string(kMaxScanIntervalSeconds) + " seconds)";
       return false;
     }
+    out.intervalSeconds = seconds;
   }
   if ((name == "--module" || name == "--trace-file" || name == "--config" || name == "--output") &&
       value.empty()) {
@@ -195,7 +202,8 @@ bool ParseCommandLine(int argc, const char* const* argv, CommandLine& out, std::
 
 const char* UsageLine() {
   return "usage: arvo-fim [--module PATH] [--trace-level 0|300|500|800] [--trace-file FILE] "
-         "{--version | list | watch | scan | daemon} [OPTIONS] [PATH...]";
+         "{--version | list | watch | scan | daemon | status | accept | check-config} [OPTIONS] "
+         "[PATH...]";
 }
 
 const char* HelpText() {
@@ -229,7 +237,16 @@ Commands:
       --auto-update      fold each run into the baseline
       --report-atime     report access-time changes
   daemon [OPTIONS] [PATH...]
-                         watch, plus a scan every --interval SECONDS (default 3600)
+                         watch, plus scans at start and every --interval SECONDS
+                         (default: the configuration's [daemon] interval, 3600;
+                         0 = none); SIGHUP reloads the configuration, SIGUSR1
+                         reopens the events log
+  status [--config FILE] daemon, last scan, watches, baselines per area
+  accept [OPTIONS] [PATH...]
+                         one scan that makes the current state the baseline
+                         (options as for scan)
+  check-config [--config FILE]
+                         validates a configuration: exit 0, or 2 and where it is wrong
 
 Environment: ARVO_FIM_MODULE, ARVO_FIM_DB (database file), ARVO_FIM_STORAGE
 (persistent storage file).

@@ -13,7 +13,7 @@
 
 namespace arvo::host {
 
-enum class Command { kHelp, kVersion, kList, kWatch, kScan, kDaemon };
+enum class Command { kHelp, kVersion, kList, kWatch, kScan, kDaemon, kStatus, kAccept, kCheckConfig };
 
 struct CommandLine {
   Command command = Command::kHelp;
@@ -33,7 +33,7 @@ struct CommandLine {
   bool autoUpdate = false;
   bool reportAccessTime = false;
   // daemon.
-  std::uint32_t intervalSeconds = 3600;
+  std::optional<std::uint32_t> intervalSeconds;  // set: overrides [daemon] interval
 };
 
 // On failure returns false and sets `error` (without the "arvo-fim: " prefix).

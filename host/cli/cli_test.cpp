@@ -71,7 +71,7 @@ TEST(CliTest, BadUsageIsExplained) {
       {{"scan", "--interval", "5"}, "unknown option '--interval' for 'scan'"},
       {{"scan", "--format", "xml"}, "invalid format 'xml'"},
       {{"scan", "--auto-update=yes"}, "option --auto-update takes no value"},
-      {{"daemon", "--interval", "0"}, "invalid interval '0'"},
+      {{"daemon", "--interval", "2000001"}, "invalid interval '2000001'"},
       {{"daemon", "--interval", "1x"}, "invalid interval '1x'"},
       {{"list", "/path"}, "unexpected argument '/path' for 'list'"},
       {{"watch", "--config="}, "option --config needs a non-empty value"},
