@@ -111,12 +111,8 @@ watch = false
 path = "/small"
 )");
   EXPECT_EQ(c.daemon, (DaemonConfig{0, false, "/var/log/x/events.jsonl", JournalMode::kOff}));
-  EXPECT_EQ(Parse("[daemon]
-journal = true
-").daemon.journal, JournalMode::kOn);
-  EXPECT_EQ(Parse("[daemon]
-journal = \"auto\"
-").daemon.journal, JournalMode::kAuto);
+  EXPECT_EQ(Parse("[daemon]\njournal = true\n").daemon.journal, JournalMode::kOn);
+  EXPECT_EQ(Parse("[daemon]\njournal = \"auto\"\n").daemon.journal, JournalMode::kAuto);
   // Scanned: both areas; watched: only the one without `watch = false`.
   EXPECT_EQ(c.settings.scanAreas.size(), 2u);
   const pax::settings::OAFIMSettings watched = OnAccessSettings(c);

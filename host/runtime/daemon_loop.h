@@ -21,9 +21,6 @@
 
 namespace arvo::host {
 
-// The signals the loop handles; the SignalWatch it is given must hold them.
-inline constexpr int kDaemonSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGUSR1};
-
 // Reads the configuration again, the way it was read at start (file and
 // command line). False with `error` set when it is not valid.
 using ConfigLoader = std::function<bool(MonitorConfig& config, std::string& error)>;
@@ -32,7 +29,7 @@ using ConfigLoader = std::function<bool(MonitorConfig& config, std::string& erro
 struct DaemonParts {
   OnDemandMonitor& scanner;  // created with `config`'s settings
   OnAccessSession& session;  // started with OnAccessSettings(config)
-  SignalWatch& signals;      // made with kDaemonSignals
+  SignalWatch& signals;      // made with SIGINT, SIGTERM, SIGHUP and SIGUSR1
   ServiceNotifier& notifier;
   EventsLog& eventsLog;      // opened at config.daemon.eventsLog
   const ScanProgress& progress;

@@ -11,9 +11,19 @@
 
 namespace arvo::host {
 
+namespace {
+
+bool Set(const char* name) {
+  const char* value = std::getenv(name);
+  return value && *value;
+}
+
+}  // namespace
+
+bool StartedBySystemd() { return Set("INVOCATION_ID") || Set("NOTIFY_SOCKET"); }
+
 ServiceNotifier::ServiceNotifier() {
-  const char* socket = std::getenv("NOTIFY_SOCKET");
-  m_enabled = socket && *socket;
+  m_enabled = Set("NOTIFY_SOCKET");
   if (!m_enabled) return;
   std::uint64_t usec = 0;
   // > 0 only when $WATCHDOG_USEC is set and $WATCHDOG_PID, if set, is us.

@@ -7,6 +7,10 @@
 
 namespace arvo::host {
 
+// Whether systemd started this process ($INVOCATION_ID or $NOTIFY_SOCKET
+// set): what `[daemon] journal = "auto"` turns on for.
+bool StartedBySystemd();
+
 // Talks to systemd when the process was started with $NOTIFY_SOCKET; does
 // nothing at all otherwise. Used by one thread (the daemon loop's).
 class ServiceNotifier {
