@@ -188,25 +188,40 @@ TEST_F(DaemonTest, SigusrOneStartsANewEventsLogAfterRotation) {
   EXPECT_EQ(daemon->Finish(), 0) << daemon->Stderr();
 }
 
+// The text a command prints on stdout (not events) and its exit code.
+struct TextResult {
+  int exitCode = -1;
+  std::string out, err;
+};
+
+TextResult RunText(const std::vector<std::string>& args,
+                   const std::map<std::string, std::string>& env) {
+  Process p(args, env);
+  TextResult r;
+  while (auto line = p.ReadLine(Stream::kOut)) r.out += *line + "\n";
+  r.exitCode = p.Finish();
+  r.err = p.Stderr();
+  return r;
+}
+
 TEST_F(DaemonTest, OperatorCommandsCheckShowAndAccept) {
   WriteConfig(Config({"a"}));
-  RunResult checked = RunFim({"check-config", "--config", m_config}, Env());
-  EXPECT_EQ(checked.exitCode, 0) << checked.stderrText;
+  TextResult checked = RunText({"check-config", "--config", m_config}, Env());
+  EXPECT_EQ(checked.exitCode, 0) << checked.err;
+  EXPECT_EQ(checked.out, m_config + ": valid, 1 area(s), 1 watched\n");
   WriteFile(m_tree / "bad.toml", "[daemon]\ninterval = \"1h\"\n");
-  checked = RunFim({"check-config", "--config", m_tree / "bad.toml"}, Env());
+  checked = RunText({"check-config", "--config", m_tree / "bad.toml"}, Env());
   EXPECT_EQ(checked.exitCode, 2);
-  EXPECT_EQ(checked.stderrText.rfind("arvo-fim: " + (m_tree / "bad.toml") + ":2:12: daemon.interval:", 0),
+  EXPECT_EQ(checked.err.rfind("arvo-fim: " + (m_tree / "bad.toml") + ":2:12: daemon.interval:", 0),
             0u)
-      << checked.stderrText;
+      << checked.err;
 
   WriteFile(m_tree / "a/file", "one");
   ASSERT_EQ(RunFim({"scan", "--config", m_config}, Env()).exitCode, 0);
   auto status = [&] {
-    Process p({"status", "--config", m_config}, Env());
-    std::string out;
-    while (auto line = p.ReadLine(Stream::kOut)) out += *line + "\n";
-    EXPECT_EQ(p.Finish(), 0) << p.Stderr();
-    return out;
+    const TextResult r = RunText({"status", "--config", m_config}, Env());
+    EXPECT_EQ(r.exitCode, 0) << r.err;
+    return r.out;
   };
   std::string shown = status();
   EXPECT_NE(shown.find("daemon:     not running"), std::string::npos) << shown;
