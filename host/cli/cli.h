@@ -1,7 +1,8 @@
-// The command line of arvo-fim:
+// The command line of arvo-fim, parsed with CLI11:
 //   arvo-fim [--module PATH] [--trace-level 0|300|500|800] [--trace-file FILE] COMMAND ...
-// Options take their value as the next argument or after "=". "--" ends the
-// options of a command; later arguments are paths.
+// Options take their value as the next argument or after "="; the trace
+// options may also follow the command. "--" ends the options of a command;
+// later arguments are paths. "--help" after any command describes it.
 #pragma once
 
 #include <cstdint>
@@ -13,22 +14,34 @@
 
 namespace arvo::host {
 
-enum class Command { kHelp, kVersion, kList, kWatch, kScan, kDaemon, kStatus, kAccept, kCheckConfig };
+enum class Command {
+  kNone,
+  kHelp,
+  kVersion,
+  kList,
+  kWatch,
+  kScan,
+  kDaemon,
+  kStatus,
+  kAccept,
+  kCheckConfig
+};
 
 struct CommandLine {
   Command command = Command::kHelp;
+  std::string helpText;  // kHelp: the help of the command asked about
   // Global.
   std::string modulePath;
   std::uint32_t traceLevel = 300;  // 0 = off
   std::string traceFile;
-  // watch, scan, daemon.
+  // watch, scan, daemon, accept; status and check-config take only --config.
   std::string configFile;
   std::vector<std::string> excludes;
   std::vector<std::string> paths;
   std::optional<OutputFormat> format;
   std::string outputFile;
   bool detections = false;  // watch, daemon
-  // scan, daemon.
+  // scan, daemon, accept.
   std::optional<bool> hash;  // --hash / --no-hash
   bool autoUpdate = false;
   bool reportAccessTime = false;
@@ -41,7 +54,5 @@ bool ParseCommandLine(int argc, const char* const* argv, CommandLine& out, std::
 
 // One line: "usage: arvo-fim ...".
 const char* UsageLine();
-// The full help text.
-const char* HelpText();
 
 }  // namespace arvo::host

@@ -48,6 +48,22 @@ TEST(CliTest, ScanAndDaemonFlags) {
   ASSERT_TRUE(Parse({"daemon", "--config", "c.toml", "--interval", "60", "--hash"}, daemon, error));
   EXPECT_EQ(daemon.intervalSeconds, 60u);
   EXPECT_EQ(daemon.hash, true);
+  CommandLine unscheduled;
+  ASSERT_TRUE(Parse({"daemon", "--interval", "0", "/srv"}, unscheduled, error)) << error;
+  EXPECT_EQ(unscheduled.intervalSeconds, 0u);  // set: overrides the configuration
+  CommandLine configured;
+  ASSERT_TRUE(Parse({"daemon", "/srv"}, configured, error)) << error;
+  EXPECT_FALSE(configured.intervalSeconds);
+
+  CommandLine status, accept, check;
+  ASSERT_TRUE(Parse({"status", "--config", "c.toml"}, status, error)) << error;
+  EXPECT_EQ(status.command, Command::kStatus);
+  EXPECT_EQ(status.configFile, "c.toml");
+  ASSERT_TRUE(Parse({"accept", "--config", "c.toml", "/srv"}, accept, error)) << error;
+  EXPECT_EQ(accept.command, Command::kAccept);
+  EXPECT_EQ(accept.paths, std::vector<std::string>{"/srv"});
+  ASSERT_TRUE(Parse({"check-config"}, check, error)) << error;
+  EXPECT_EQ(check.command, Command::kCheckConfig);
 
   CommandLine list;
   ASSERT_TRUE(Parse({"modules"}, list, error));
@@ -72,6 +88,8 @@ TEST(CliTest, BadUsageIsExplained) {
       {{"scan", "--format", "xml"}, "invalid format 'xml'"},
       {{"scan", "--auto-update=yes"}, "option --auto-update takes no value"},
       {{"daemon", "--interval", "2000001"}, "invalid interval '2000001'"},
+      {{"status", "--exclude", "x"}, "unknown option '--exclude' for 'status'"},
+      {{"check-config", "/etc"}, "unexpected argument '/etc' for 'check-config'"},
       {{"daemon", "--interval", "1x"}, "invalid interval '1x'"},
       {{"list", "/path"}, "unexpected argument '/path' for 'list'"},
       {{"watch", "--config="}, "option --config needs a non-empty value"},
@@ -83,6 +101,26 @@ TEST(CliTest, BadUsageIsExplained) {
     EXPECT_FALSE(Parse(c.args, line, error)) << c.error;
     EXPECT_EQ(error.rfind(c.error, 0), 0u) << "expected: " << c.error << "\ngot: " << error;
   }
+}
+
+TEST(CliTest, HelpDescribesTheProgramAndEachCommand) {
+  CommandLine line;
+  std::string error;
+  for (const auto& args : {std::vector<const char*>{"--help"}, {"help"}, {"-h"}}) {
+    ASSERT_TRUE(Parse(args, line, error)) << error;
+    EXPECT_EQ(line.command, Command::kHelp);
+    EXPECT_NE(line.helpText.find("Usage: arvo-fim [OPTIONS] [SUBCOMMAND]"), std::string::npos)
+        << line.helpText;
+  }
+  for (const char* command : {"list", "watch", "scan", "daemon"}) {
+    ASSERT_TRUE(Parse({command, "--help"}, line, error)) << error;
+    EXPECT_EQ(line.command, Command::kHelp);
+    EXPECT_NE(line.helpText.find(std::string("Usage: arvo-fim ") + command), std::string::npos)
+        << line.helpText;
+  }
+  ASSERT_TRUE(Parse({"scan", "--help"}, line, error));
+  for (const char* option : {"--config", "--no-hash", "--auto-update", "--report-atime"})
+    EXPECT_NE(line.helpText.find(option), std::string::npos) << option;
 }
 
 }  // namespace

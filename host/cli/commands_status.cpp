@@ -14,8 +14,8 @@
 #include "host/runtime/run_state.h"
 #include "host/util/private_directory.h"
 #include "host/watch/inotify_limits.h"
-#include "settings/fim_settings_equality.h"
 #include "orn/text.h"
+#include "settings/fim_settings_equality.h"
 
 namespace arvo::host {
 namespace {
@@ -66,17 +66,16 @@ void PrintAreas(std::FILE* out, const MonitorConfig* config,
       const ScopeSummary* scope = FindScope(scopes, config->taskId, area.path);
       const bool scanOnly = std::find(config->scanOnlyAreas.begin(), config->scanOnlyAreas.end(),
                                       area.path) != config->scanOnlyAreas.end();
-      std::fprintf(out, "  %s  %s  %s%s%s\n", area.path.c_str(),
-                   scope ? (std::to_string(scope->baselineRows) + " baseline rows").c_str()
-                         : "no baseline",
-                   orn::text::WideToNarrow(area.areaName).c_str(), area.areaFlag ? "" : " [disabled]",
-                   scanOnly ? " [scan only]" : "");
+      std::fprintf(
+          out, "  %s  %s  %s%s%s\n", area.path.c_str(),
+          scope ? (std::to_string(scope->baselineRows) + " baseline rows").c_str() : "no baseline",
+          orn::text::WideToNarrow(area.areaName).c_str(), area.areaFlag ? "" : " [disabled]",
+          scanOnly ? " [scan only]" : "");
     }
   }
   for (const ScopeSummary& scope : scopes) {
-    const bool configured =
-        config && scope.taskId == config->taskId &&
-        pax::settings::FindArea(config->settings, scope.path) != nullptr;
+    const bool configured = config && scope.taskId == config->taskId &&
+                            pax::settings::FindArea(config->settings, scope.path) != nullptr;
     if (configured) continue;
     std::fprintf(out, "  %s  %llu baseline rows  (task %llu%s)\n", scope.path.c_str(),
                  static_cast<unsigned long long>(scope.baselineRows),
@@ -89,7 +88,8 @@ void PrintAreas(std::FILE* out, const MonitorConfig* config,
 
 int RunStatusCommand(const StatusOptions& options, std::FILE* out) {
   std::string configFile = options.configFile;
-  if (configFile.empty() && ::access(kDefaultConfigFile, F_OK) == 0) configFile = kDefaultConfigFile;
+  if (configFile.empty() && ::access(kDefaultConfigFile, F_OK) == 0)
+    configFile = kDefaultConfigFile;
   MonitorConfig config;
   std::string error;
   if (!configFile.empty() && !LoadConfigFile(configFile, config, error)) return Fail(error);

@@ -22,7 +22,7 @@ int main(int argc, char** argv) {
   }
   switch (line.command) {
     case Command::kHelp:
-      std::fputs(HelpText(), stdout);
+      std::fputs(line.helpText.c_str(), stdout);
       return kExitOk;
     case Command::kVersion:
       return RunVersionCommand(line);
@@ -40,6 +40,8 @@ int main(int argc, char** argv) {
       return RunAcceptCommand(line);
     case Command::kCheckConfig:
       return RunCheckConfigCommand(CheckConfigOptions{line.configFile});
+    case Command::kNone:
+      break;
   }
   return kExitFailure;
 }

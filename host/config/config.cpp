@@ -253,8 +253,8 @@ class Reader {
     if (!t) return WrongType(*node, "daemon", "a table ([daemon])");
     return CheckKeys(*t, "daemon.", {"interval", "scan_at_start", "events_log", "journal"}) &&
            Interval(*t, out.intervalSeconds) &&
-           Bool(*t, "daemon.", "scan_at_start", out.scanAtStart) &&
-           EventsLog(*t, out.eventsLog) && Journal(*t, out.journal);
+           Bool(*t, "daemon.", "scan_at_start", out.scanAtStart) && EventsLog(*t, out.eventsLog) &&
+           Journal(*t, out.journal);
   }
 
   bool EventsLog(const toml::table& t, std::string& out) {
@@ -281,9 +281,8 @@ class Reader {
            TaskId(root, config.taskId) && Text(root, "", "task_name", config.taskName) &&
            Text(root, "", "rule_id", s.ruleId) && Exclusions(root, "", s.globalExclusions) &&
            Masks(root, s) && ScanOptions(root, s) && Daemon(root, config.daemon) &&
-           Tables(root, "", "area", [&](const toml::table& t, const std::string& p) {
-             return Area(t, p, config);
-           });
+           Tables(root, "", "area",
+                  [&](const toml::table& t, const std::string& p) { return Area(t, p, config); });
   }
 
  private:

@@ -78,7 +78,6 @@ struct MonitorConfig {
 // The on-access monitor's settings: `config`'s, without its scan-only areas.
 pax::settings::OAFIMSettings OnAccessSettings(const MonitorConfig& config);
 
-
 // Parses TOML `text`; `sourceName` names it in messages. On failure returns
 // false and sets `error` to "<source>:<line>:<column>: <key>: <what>".
 bool ParseConfig(std::string_view text, const std::string& sourceName, MonitorConfig& config,

@@ -31,7 +31,7 @@ struct DaemonParts {
   OnAccessSession& session;  // started with OnAccessSettings(config)
   SignalWatch& signals;      // made with SIGINT, SIGTERM, SIGHUP and SIGUSR1
   ServiceNotifier& notifier;
-  EventsLog& eventsLog;      // opened at config.daemon.eventsLog
+  EventsLog& eventsLog;  // opened at config.daemon.eventsLog
   const ScanProgress& progress;
 };
 

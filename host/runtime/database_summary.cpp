@@ -28,8 +28,8 @@ bool ReadDatabaseSummary(const std::string& file, std::vector<ScopeSummary>& out
   const int opened = ::sqlite3_open_v2(file.c_str(), &raw, SQLITE_OPEN_READONLY, nullptr);
   const std::unique_ptr<sqlite3, CloseDatabase> db(raw);
   if (opened != SQLITE_OK) {
-    error = "cannot open the database '" + file + "' read-only: " +
-            (db ? ::sqlite3_errmsg(db.get()) : ::sqlite3_errstr(opened));
+    error = "cannot open the database '" + file +
+            "' read-only: " + (db ? ::sqlite3_errmsg(db.get()) : ::sqlite3_errstr(opened));
     return false;
   }
   ::sqlite3_busy_timeout(db.get(), kBusyWaitMs);
@@ -45,7 +45,7 @@ bool ReadDatabaseSummary(const std::string& file, std::vector<ScopeSummary>& out
     const auto* path = ::sqlite3_column_blob(statement.get(), 1);
     if (path)
       scope.path.assign(static_cast<const char*>(path),
-                      static_cast<std::size_t>(::sqlite3_column_bytes(statement.get(), 1)));
+                        static_cast<std::size_t>(::sqlite3_column_bytes(statement.get(), 1)));
     scope.baselineRows = static_cast<std::uint64_t>(::sqlite3_column_int64(statement.get(), 2));
     out.push_back(std::move(scope));
   }

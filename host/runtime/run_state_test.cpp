@@ -56,9 +56,9 @@ TEST(PidFileTest, TheHolderIsSeenAndASecondDaemonIsRefused) {
     if (child == 0) {
       PidFileLock other;
       std::string why;
-      const bool refused = !other.Acquire(file, why) &&
-                           why.find("already running (pid " + std::to_string(::getppid())) !=
-                               std::string::npos;
+      const bool refused =
+          !other.Acquire(file, why) &&
+          why.find("already running (pid " + std::to_string(::getppid())) != std::string::npos;
       const auto seen = LockedPid(file);
       ::_exit(refused && seen == ::getppid() ? 0 : 1);
     }

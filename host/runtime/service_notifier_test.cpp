@@ -46,8 +46,10 @@ class NotifySocket {
 
  private:
   static void Set(const char* name, const char* value) {
-    if (value) ::setenv(name, value, 1);
-    else ::unsetenv(name);
+    if (value)
+      ::setenv(name, value, 1);
+    else
+      ::unsetenv(name);
   }
   ScopedFd m_fd;
 };

@@ -11,9 +11,9 @@
 
 namespace arvo::host {
 
-// Blocks `signals` in the calling thread and opens a signalfd for them. Must be made on the main thread before any other thread starts, so
-// that every thread inherits the blocked mask and the signals stay pending
-// for the descriptor. The destructor restores the previous mask.
+// Blocks `signals` in the calling thread and opens a signalfd for them. Must be made on the main
+// thread before any other thread starts, so that every thread inherits the blocked mask and the
+// signals stay pending for the descriptor. The destructor restores the previous mask.
 class SignalWatch {
  public:
   explicit SignalWatch(std::initializer_list<int> signals = {SIGINT, SIGTERM});

@@ -153,8 +153,8 @@ TEST_F(DaemonTest, ReloadAppliesANewAreaSetAndABrokenFileKeepsTheRunningOne) {
 
   WriteConfig(Config({"a", "b"}) + "[[area]]\npath = \"relative\"\n");
   daemon->Signal(SIGHUP);
-  ASSERT_TRUE(daemon->WaitForStderr("reload failed, the running configuration stays: " + m_config +
-                                    ":"))
+  ASSERT_TRUE(
+      daemon->WaitForStderr("reload failed, the running configuration stays: " + m_config + ":"))
       << daemon->Stderr();
   ASSERT_TRUE(m_notify.WaitFor("READY=1")) << m_notify.Seen();
   WriteFile(m_tree / "a/still", "");
