@@ -96,6 +96,15 @@ CLI::App* AddCommand(CLI::App& app, CommandLine& out, Command command, const cha
   return sub;
 }
 
+// A command that runs the on-demand monitor (scan, daemon, accept).
+CLI::App* AddScanningCommand(CLI::App& app, CommandLine& out, Command command, const char* name,
+                             const char* description) {
+  CLI::App* sub = AddCommand(app, out, command, name, description);
+  AddMonitorOptions(*sub, out);
+  AddScanOptions(*sub, out);
+  return sub;
+}
+
 void BuildApp(CLI::App& app, CommandLine& out) {
   app.name("arvo-fim");
   app.allow_extras();
@@ -121,16 +130,12 @@ void BuildApp(CLI::App& app, CommandLine& out) {
   AddMonitorOptions(*watch, out);
   watch->add_flag("--detections", out.detections, "also print the publisher's detections");
 
-  CLI::App* scan = AddCommand(app, out, Command::kScan, "scan",
-                              "one on-demand run; exit 0 no change, 1 changes found, 2 run "
-                              "failed, 3 interrupted");
-  AddMonitorOptions(*scan, out);
-  AddScanOptions(*scan, out);
+  AddScanningCommand(app, out, Command::kScan, "scan",
+                     "one on-demand run; exit 0 no change, 1 changes found, 2 run failed, 3 "
+                     "interrupted");
 
-  CLI::App* daemon = AddCommand(app, out, Command::kDaemon, "daemon",
-                                "watch, plus a scan at start and every --interval seconds");
-  AddMonitorOptions(*daemon, out);
-  AddScanOptions(*daemon, out);
+  CLI::App* daemon = AddScanningCommand(app, out, Command::kDaemon, "daemon",
+                                        "watch, plus scans at start and on schedule");
   daemon->add_flag("--detections", out.detections, "also print the publisher's detections");
   daemon
       ->add_option_function<std::uint32_t>(
@@ -145,11 +150,9 @@ void BuildApp(CLI::App& app, CommandLine& out) {
                                 "the daemon, the last scan, the watches and the baselines");
   AddConfigOption(*status, out, "the configuration (default /etc/arvo-fim/arvo-fim.toml if any)");
 
-  CLI::App* accept = AddCommand(app, out, Command::kAccept, "accept",
-                                "one scan whose changes become the new baseline; exit 0 "
-                                "accepted, 2 run failed, 3 interrupted");
-  AddMonitorOptions(*accept, out);
-  AddScanOptions(*accept, out);
+  AddScanningCommand(app, out, Command::kAccept, "accept",
+                     "one scan whose changes become the new baseline; exit 0 accepted, 2 run "
+                     "failed, 3 interrupted");
 
   CLI::App* check = AddCommand(app, out, Command::kCheckConfig, "check-config",
                                "validates a configuration; exit 0, or 2 with where it is wrong");

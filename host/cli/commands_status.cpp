@@ -66,11 +66,12 @@ void PrintAreas(std::FILE* out, const MonitorConfig* config,
       const ScopeSummary* scope = FindScope(scopes, config->taskId, area.path);
       const bool scanOnly = std::find(config->scanOnlyAreas.begin(), config->scanOnlyAreas.end(),
                                       area.path) != config->scanOnlyAreas.end();
-      std::fprintf(
-          out, "  %s  %s  %s%s%s\n", area.path.c_str(),
-          scope ? (std::to_string(scope->baselineRows) + " baseline rows").c_str() : "no baseline",
-          orn::text::WideToNarrow(area.areaName).c_str(), area.areaFlag ? "" : " [disabled]",
-          scanOnly ? " [scan only]" : "");
+      const std::string name = orn::text::WideToNarrow(area.areaName);
+      const std::string rows =
+          scope ? std::to_string(scope->baselineRows) + " baseline rows" : "no baseline";
+      std::fprintf(out, "  %s  %s%s%s%s%s\n", area.path.c_str(), rows.c_str(),
+                   name == area.path ? "" : "  ", name == area.path ? "" : name.c_str(),
+                   area.areaFlag ? "" : " [disabled]", scanOnly ? " [scan only]" : "");
     }
   }
   for (const ScopeSummary& scope : scopes) {
