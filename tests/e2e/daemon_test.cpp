@@ -140,7 +140,7 @@ TEST_F(DaemonTest, TellsTheServiceManagerWhenReadyWhatItDoesAndThatItLives) {
   EXPECT_EQ(daemon->Finish(), 0) << daemon->Stderr();
 }
 
-TEST_F(DaemonTest, ReloadAppliesANewAreaSetAndABrokenFileKeepsTheRunningOne) {
+TEST_F(DaemonTest, ReloadAppliesANewAreaSetAndARefusedOneKeepsTheRunningOne) {
   WriteConfig(Config({"a"}));
   auto daemon = StartDaemon();
   WriteConfig(Config({"a", "b"}));
@@ -155,6 +155,14 @@ TEST_F(DaemonTest, ReloadAppliesANewAreaSetAndABrokenFileKeepsTheRunningOne) {
   daemon->Signal(SIGHUP);
   ASSERT_TRUE(
       daemon->WaitForStderr("reload failed, the running configuration stays: " + m_config + ":"))
+      << daemon->Stderr();
+  ASSERT_TRUE(m_notify.WaitFor("READY=1")) << m_notify.Seen();
+  // Valid, but the on-access task refuses it (a root that does not exist):
+  // the task is handed its running settings back.
+  WriteConfig(Config({"a", "b", "missing"}));
+  daemon->Signal(SIGHUP);
+  ASSERT_TRUE(daemon->WaitForStderr(
+      "reload failed, the running configuration stays: the on-access monitor refused"))
       << daemon->Stderr();
   ASSERT_TRUE(m_notify.WaitFor("READY=1")) << m_notify.Seen();
   WriteFile(m_tree / "a/still", "");
