@@ -28,6 +28,8 @@ int RunDaemonCommand(const CommandLine& line) {
   const orn::RefPtr<EventsLog> eventsLog = orn::MakeSimple<EventsLog>();
   if (!eventsLog->Open(config.daemon.eventsLog, error)) return Fail(error);
 
+  // Thread-safe: anything that finds coverage lost asks here for a scan.
+  ScanRequests scanRequests;
   RuntimeSetup setup = MonitorSetup(line, config);
   setup.onAccess = true;
   setup.onDemand = true;
@@ -49,8 +51,8 @@ int RunDaemonCommand(const CommandLine& line) {
   const ConfigLoader reload = [&line](MonitorConfig& fresh, std::string& why) {
     return BuildMonitorConfig(line, fresh, why);
   };
-  DaemonLoop loop({scanner, session, signals, notifier, *eventsLog, *setup.progress}, config,
-                  reload, line.intervalSeconds);
+  DaemonLoop loop({scanner, session, signals, notifier, *eventsLog, *setup.progress, scanRequests},
+                  config, reload, line.intervalSeconds);
   loop.Run();
   scanner.Release();
   if (!session.Stop(error)) return Fail(error);

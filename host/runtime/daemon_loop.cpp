@@ -40,7 +40,7 @@ int DaemonLoop::Run() {
   m_nextWatchdog = start;
   for (;;) {
     if (!m_scanning) {
-      if (const std::optional<std::string> reason = m_requests.Take()) StartScan(*reason);
+      if (const std::optional<std::string> reason = m_parts.requests.Take()) StartScan(*reason);
     }
     const Clock::time_point now = Clock::now();
     if (m_parts.notifier.WatchdogInterval().count() > 0 && now >= m_nextWatchdog) {
@@ -50,7 +50,7 @@ int DaemonLoop::Run() {
     if (now >= m_nextStatus) ShowStatus();
 
     pollfd fds[3] = {{m_parts.signals.Fd(), POLLIN, 0},
-                     {m_requests.Fd(), POLLIN, 0},
+                     {m_parts.requests.Fd(), POLLIN, 0},
                      {m_scanning ? m_parts.scanner.ReadyFd() : -1, POLLIN, 0}};
     if (::poll(fds, 3, Timeout(now)) < 0 && errno != EINTR) {
       std::perror("arvo-fim: poll");

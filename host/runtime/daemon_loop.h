@@ -33,6 +33,9 @@ struct DaemonParts {
   ServiceNotifier& notifier;
   EventsLog& eventsLog;  // opened at config.daemon.eventsLog
   const ScanProgress& progress;
+  // Where scans are asked for. Made by the owner before the monitors start,
+  // so that what watches for coverage gaps can hold it from the beginning.
+  ScanRequests& requests;
 };
 
 class DaemonLoop {
@@ -47,7 +50,7 @@ class DaemonLoop {
   // however many requests arrive. A request made during a scan gets a scan
   // of its own after that one (the running scan may have passed the change
   // already). `reason` is shown on stderr and in the status.
-  void RequestScan(const std::string& reason) { m_requests.Request(reason); }
+  void RequestScan(const std::string& reason) { m_parts.requests.Request(reason); }
 
   // Sends READY=1 and runs until SIGINT or SIGTERM (a scan going on is
   // interrupted). Returns the signal that ended it.
@@ -70,7 +73,6 @@ class DaemonLoop {
   MonitorConfig m_config;
   const ConfigLoader m_reload;
   const std::optional<std::uint32_t> m_intervalOverride;
-  ScanRequests m_requests;
 
   bool m_scanning = false;
   bool m_scannerStale = false;  // new settings wait for the end of the running scan
