@@ -36,8 +36,7 @@ int DaemonLoop::Run() {
   } else {
     Schedule();
   }
-  const Clock::time_point start = Clock::now();
-  m_nextWatchdog = start;
+  m_nextWatchdog = Clock::now();
   for (;;) {
     if (!m_scanning) {
       if (const std::optional<std::string> reason = m_parts.requests.Take()) StartScan(*reason);
@@ -49,22 +48,25 @@ int DaemonLoop::Run() {
     }
     if (now >= m_nextStatus) ShowStatus();
 
+    // A request stays readable until taken, which waits for the end of the
+    // running scan: it is not polled for meanwhile.
     pollfd fds[3] = {{m_parts.signals.Fd(), POLLIN, 0},
-                     {m_parts.requests.Fd(), POLLIN, 0},
+                     {m_scanning ? -1 : m_parts.requests.Fd(), POLLIN, 0},
                      {m_scanning ? m_parts.scanner.ReadyFd() : -1, POLLIN, 0}};
     if (::poll(fds, 3, Timeout(now)) < 0 && errno != EINTR) {
       std::perror("arvo-fim: poll");
       return SIGTERM;
     }
     if (fds[0].revents & POLLIN) {
-      const int signal = m_parts.signals.Take();
-      if (signal == SIGINT || signal == SIGTERM) {
+      if (const int signal = m_parts.signals.Take(); signal == SIGINT || signal == SIGTERM) {
         m_parts.notifier.Stopping();
         if (m_scanning) FinishScan();
         return signal;
+      } else if (signal == SIGHUP) {
+        Reload();
+      } else if (signal == SIGUSR1) {
+        ReopenLog();
       }
-      if (signal == SIGHUP) Reload();
-      if (signal == SIGUSR1) ReopenLog();
     }
     if (m_scanning && m_parts.scanner.Ended()) FinishScan();
     if (!m_scanning && m_nextScan && Clock::now() >= *m_nextScan) {
