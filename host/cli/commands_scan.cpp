@@ -7,6 +7,7 @@
 
 #include "host/cli/commands_common.h"
 #include "host/runtime/on_demand_run.h"
+#include "host/runtime/run_state.h"
 #include "host/runtime/scan_progress.h"
 #include "host/runtime/signal_watch.h"
 
@@ -42,6 +43,7 @@ int RunScanCommand(const CommandLine& line) {
   if (showProgress) tick = [&] { ShowProgress(*setup.progress); };
   const RunOutcome outcome = monitor.Run(1, signals, tick, kProgressIntervalMs);
   monitor.Release();
+  RecordRun("scan", outcome);
   if (showProgress) std::fputs("\r\033[K", stderr);
 
   switch (outcome.kind) {

@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "host/runtime/watch_provider.h"
+#include "host/output/event_fanout.h"
 #include "host/services/allocator.h"
 #include "host/services/file_factory.h"
 #include "host/services/path_matcher.h"
@@ -49,7 +50,14 @@ bool HostRuntime::Init(const RuntimeSetup& setup, std::string& error) {
   m_format = setup.format.value_or(DefaultFormatFor(output.Get()));
   m_writer = std::make_shared<LineWriter>(std::move(output));
   m_events = orn::MakeSimple<EventOutput>(m_writer, m_format);
-  m_locator->Register<pax::IEventPublisher>(m_events.Get());
+  if (setup.extraOutputs.empty()) {
+    m_locator->Register<pax::IEventPublisher>(m_events.Get());
+  } else {
+    std::vector<orn::RefPtr<pax::IEventPublisher>> outputs{m_events};
+    outputs.insert(outputs.end(), setup.extraOutputs.begin(), setup.extraOutputs.end());
+    m_locator->Register<pax::IEventPublisher>(
+        orn::MakeSimple<EventFanout>(std::move(outputs)).Get());
+  }
 
   orn::RefPtr<pax::IPathMatcherFactory> matchers;
   if (const orn::result_t r = CreatePathMatcherFactory(m_tracer.Get(), matchers); ORN_FAILED(r)) {

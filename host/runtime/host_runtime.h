@@ -7,6 +7,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "app_core/task_manager/task/task.h"
 #include "host/config/config.h"
@@ -31,6 +32,9 @@ struct RuntimeSetup {
   bool onDemand = false;  // hashing, files, persistent storage, serializer, task info
   const MonitorConfig* config = nullptr;   // task id and name for the task info
   std::shared_ptr<ScanProgress> progress;  // set: matchers count their calls here
+  // Further outputs every event also goes to, after the primary one (the
+  // daemon's events log, ...). Each must be thread-safe.
+  std::vector<orn::RefPtr<pax::IEventPublisher>> extraOutputs;
 };
 
 // Owns the services; the module must outlive it. Used by one thread (the

@@ -20,30 +20,57 @@ bool OnDemandMonitor::Create(const pax::settings::ODFIMSettings& settings, std::
   return true;
 }
 
+bool OnDemandMonitor::SetSettings(const pax::settings::ODFIMSettings& settings,
+                                  std::string& error) {
+  orn::RefPtr<pax::fim::IOnDemandIntegrityMonitorTaskSettings> target;
+  orn::result_t r = orn::QueryInterface(m_task.Get(), target);
+  if (ORN_SUCCEEDED(r)) r = target->SetSettings(&settings);
+  if (ORN_FAILED(r)) {
+    error = DescribeFailure("the on-demand monitor refused its new settings", r);
+    return false;
+  }
+  return true;
+}
+
+bool OnDemandMonitor::Begin(app_core::task_manager::task::TaskSessionId sessionId,
+                            RunOutcome& failed) {
+  m_issuesBefore = m_runtime.Events().Count(pax::event_type::kSystemIntegrityIssue);
+  m_stopSink->Reset();
+  if (const orn::result_t r = m_task->Start(sessionId, m_stopSink.Get()); ORN_FAILED(r)) {
+    failed = RunOutcome{};
+    failed.result = r;
+    failed.reason = "cannot start the on-demand monitor";
+    return false;
+  }
+  return true;
+}
+
 RunOutcome OnDemandMonitor::Run(app_core::task_manager::task::TaskSessionId sessionId,
                                 SignalWatch& signals, const std::function<void()>& tick,
                                 int tickMs) {
-  RunOutcome outcome;
-  const std::uint64_t issuesBefore =
-      m_runtime.Events().Count(pax::event_type::kSystemIntegrityIssue);
-  m_stopSink->Reset();
-  if (const orn::result_t r = m_task->Start(sessionId, m_stopSink.Get()); ORN_FAILED(r)) {
-    outcome.result = r;
-    outcome.reason = "cannot start the on-demand monitor";
-    return outcome;
-  }
+  RunOutcome failed;
+  if (!Begin(sessionId, failed)) return failed;
   // Without an eventfd (never expected) the report is polled for.
-  const int timeout = tick ? tickMs : (m_stopSink->ReadyFd() < 0 ? 100 : -1);
-  while (!m_stopSink->Report()) {
-    outcome.signal = signals.Wait(m_stopSink->ReadyFd(), timeout);
-    if (outcome.signal) break;
+  const int timeout = tick ? tickMs : (ReadyFd() < 0 ? 100 : -1);
+  int signal = 0;
+  while (!Ended()) {
+    signal = signals.Wait(ReadyFd(), timeout);
+    if (signal) break;
     if (tick) tick();
   }
-  // After a signal Stop raises the task's stop flag and waits for the run to
+  RunOutcome outcome = Finish();
+  outcome.signal = signal;
+  return outcome;
+}
+
+RunOutcome OnDemandMonitor::Finish() {
+  RunOutcome outcome;
+  // Stop raises the task's stop flag and waits for a run still going on to
   // end; either way the task goes back to stopped here.
   const orn::result_t stopped = m_task->Stop();
   const auto report = m_stopSink->Report();
-  outcome.issues = m_runtime.Events().Count(pax::event_type::kSystemIntegrityIssue) - issuesBefore;
+  outcome.issues =
+      m_runtime.Events().Count(pax::event_type::kSystemIntegrityIssue) - m_issuesBefore;
   if (!report) {
     outcome.result = ORN_FAILED(stopped) ? stopped : orn::errors::kUnexpected;
     outcome.reason = "the task ended without a stop report";

@@ -7,11 +7,10 @@
 
 namespace arvo::host {
 
-SignalWatch::SignalWatch() {
+SignalWatch::SignalWatch(std::initializer_list<int> signals) {
   sigset_t set;
   sigemptyset(&set);
-  sigaddset(&set, SIGINT);
-  sigaddset(&set, SIGTERM);
+  for (const int signal : signals) sigaddset(&set, signal);
   pthread_sigmask(SIG_BLOCK, &set, &m_previous);
   m_fd.Reset(::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
 }

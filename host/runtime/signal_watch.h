@@ -1,21 +1,22 @@
-// SIGINT and SIGTERM as a readable descriptor (signalfd), so that the
-// commands wait for them in poll() next to their other descriptors and no
-// work is ever done in a signal handler.
+// Signals (SIGINT and SIGTERM unless told otherwise) as a readable
+// descriptor (signalfd), so that the commands wait for them in poll() next
+// to their other descriptors and no work is ever done in a signal handler.
 #pragma once
 
 #include <signal.h>
+
+#include <initializer_list>
 
 #include "host/util/scoped_fd.h"
 
 namespace arvo::host {
 
-// Blocks SIGINT and SIGTERM in the calling thread and opens a signalfd for
-// them. Must be made on the main thread before any other thread starts, so
-// that every thread inherits the blocked mask and the signals stay pending
-// for the descriptor. The destructor restores the previous mask.
+// Blocks `signals` in the calling thread and opens a signalfd for them. Must be made on the main
+// thread before any other thread starts, so that every thread inherits the blocked mask and the
+// signals stay pending for the descriptor. The destructor restores the previous mask.
 class SignalWatch {
  public:
-  SignalWatch();
+  explicit SignalWatch(std::initializer_list<int> signals = {SIGINT, SIGTERM});
   ~SignalWatch();
   SignalWatch(const SignalWatch&) = delete;
   SignalWatch& operator=(const SignalWatch&) = delete;
