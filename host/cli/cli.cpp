@@ -27,6 +27,7 @@ constexpr OptionInfo kOptions[] = {
     {"--exclude", true, kMonitors},
     {"--format", true, kMonitors},
     {"--output", true, kMonitors},
+    {"--journal", false, kMonitors},
     {"--detections", false, kWatch | kDaemon},
     {"--hash", false, kScan | kDaemon},
     {"--no-hash", false, kScan | kDaemon},
@@ -90,6 +91,8 @@ bool Apply(std::string_view name, const std::string& value, CommandLine& out, st
     }
   } else if (name == "--output") {
     out.outputFile = value;
+  } else if (name == "--journal") {
+    out.journal = true;
   } else if (name == "--detections") {
     out.detections = true;
   } else if (name == "--hash" || name == "--no-hash") {
@@ -220,11 +223,12 @@ Commands:
       --exclude GLOB     global exclusion (repeatable)
       --format json|text output form (default: text on a terminal, else json)
       --output FILE      append events to FILE instead of stdout
+      --journal          also send each event to the systemd journal
       --detections       also print the publisher service's detections
   scan [OPTIONS] [PATH...]
                          one on-demand run; exit 0 no change, 1 changes found,
                          2 run failed, 3 interrupted
-      --config, --exclude, --format, --output as for watch
+      --config, --exclude, --format, --output, --journal as for watch
       --hash | --no-hash record content hashes or not (default: on, or as configured)
       --auto-update      fold each run into the baseline
       --report-atime     report access-time changes

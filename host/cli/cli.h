@@ -27,6 +27,7 @@ struct CommandLine {
   std::vector<std::string> paths;
   std::optional<OutputFormat> format;
   std::string outputFile;
+  bool journal = false;     // events also go to the systemd journal
   bool detections = false;  // watch, daemon
   // scan, daemon.
   std::optional<bool> hash;  // --hash / --no-hash

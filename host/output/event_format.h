@@ -38,6 +38,8 @@ enum class OutputFormat { kJson, kText };
 
 std::string FormatEventJson(const pax::ProductEvent& event);
 std::string FormatEventText(const pax::ProductEvent& event);
+// The text form without its leading time (for outputs that stamp their own).
+std::string FormatEventSummary(const pax::ProductEvent& event);
 std::string FormatDetectJson(const pax::DetectEvent& event);
 std::string FormatDetectText(const pax::DetectEvent& event);
 

@@ -2,15 +2,16 @@
 
 #include <cstdio>
 
+#include "host/output/event_fan_out.h"
+#include "host/output/journal_output.h"
 #include "host/services/allocator.h"
 #include "host/services/file_factory.h"
-#include "host/watch/inotify_provider.h"
 #include "host/services/path_matcher.h"
-#include "host/storage/persistent_storage.h"
-#include "host/util/private_directory.h"
 #include "host/services/sha256_provider.h"
-#include "host/storage/storage_serializer.h"
 #include "host/services/task_info_provider.h"
+#include "host/storage/persistent_storage.h"
+#include "host/storage/storage_serializer.h"
+#include "host/util/private_directory.h"
 #include "orn/file.h"
 #include "pax/fim_tasks.h"
 #include "pax/inotify.h"
@@ -49,7 +50,12 @@ bool HostRuntime::Init(const RuntimeSetup& setup, std::string& error) {
   m_format = setup.format.value_or(DefaultFormatFor(output.Get()));
   m_writer = std::make_shared<LineWriter>(std::move(output));
   m_events = orn::MakeSimple<EventOutput>(m_writer, m_format);
-  m_locator->Register<pax::IEventPublisher>(m_events.Get());
+  m_publisher = m_events;
+  if (setup.journal) {
+    m_publisher = orn::MakeSimple<EventFanOut>(
+        std::vector<orn::RefPtr<pax::IEventPublisher>>{m_events, orn::MakeSimple<JournalOutput>()});
+  }
+  m_locator->Register<pax::IEventPublisher>(m_publisher.Get());
 
   orn::RefPtr<pax::IPathMatcherFactory> matchers;
   if (const orn::result_t r = CreatePathMatcherFactory(m_tracer.Get(), matchers); ORN_FAILED(r)) {
@@ -62,7 +68,11 @@ bool HostRuntime::Init(const RuntimeSetup& setup, std::string& error) {
 
   if (setup.onAccess) {
     orn::RefPtr<pax::IInotifyEventsProvider> inotify;
-    if (const orn::result_t r = CreateInotifyProvider(m_tracer.Get(), inotify); ORN_FAILED(r)) {
+    CoverageObserver observer =
+        MakeCoverageResponse(m_publisher, m_tracer, setup.requestCatchUpScan);
+    if (const orn::result_t r =
+            CreateInotifyProvider(m_tracer.Get(), inotify, std::move(observer), &m_coverage);
+        ORN_FAILED(r)) {
       error = DescribeFailure("cannot create the inotify provider", r);
       return false;
     }
@@ -133,6 +143,10 @@ bool HostRuntime::AddPublisherService(std::string& error) {
   m_locator->Register(orn::IidOf<mdr::agent::IFileIntegrityMonitorDetectEventSubscription>(), 0,
                       m_publisherService.Get());
   return true;
+}
+
+void HostRuntime::RewatchLostAreas() const {
+  if (m_coverage) m_coverage->RewatchLostRoots();
 }
 
 orn::result_t HostRuntime::CreateTask(orn::clsid_t clsid, orn::RefPtr<ITask>& task,
