@@ -45,9 +45,12 @@ TEST(CliTest, ScanAndDaemonFlags) {
   EXPECT_EQ(scan.traceLevel, 300u);
 
   CommandLine daemon;
-  ASSERT_TRUE(Parse({"daemon", "--config", "c.toml", "--interval", "60", "--hash"}, daemon, error));
+  EXPECT_FALSE(scan.journal);
+  ASSERT_TRUE(Parse({"daemon", "--config", "c.toml", "--interval", "60", "--hash", "--journal"},
+                    daemon, error));
   EXPECT_EQ(daemon.intervalSeconds, 60u);
   EXPECT_EQ(daemon.hash, true);
+  EXPECT_TRUE(daemon.journal);
 
   CommandLine list;
   ASSERT_TRUE(Parse({"modules"}, list, error));
@@ -83,6 +86,26 @@ TEST(CliTest, BadUsageIsExplained) {
     EXPECT_FALSE(Parse(c.args, line, error)) << c.error;
     EXPECT_EQ(error.rfind(c.error, 0), 0u) << "expected: " << c.error << "\ngot: " << error;
   }
+}
+
+TEST(CliTest, HelpDescribesTheProgramAndEachCommand) {
+  CommandLine line;
+  std::string error;
+  for (const auto& args : {std::vector<const char*>{"--help"}, {"help"}, {"-h"}}) {
+    ASSERT_TRUE(Parse(args, line, error)) << error;
+    EXPECT_EQ(line.command, Command::kHelp);
+    EXPECT_NE(line.helpText.find("Usage: arvo-fim [OPTIONS] [SUBCOMMAND]"), std::string::npos)
+        << line.helpText;
+  }
+  for (const char* command : {"list", "watch", "scan", "daemon"}) {
+    ASSERT_TRUE(Parse({command, "--help"}, line, error)) << error;
+    EXPECT_EQ(line.command, Command::kHelp);
+    EXPECT_NE(line.helpText.find(std::string("Usage: arvo-fim ") + command), std::string::npos)
+        << line.helpText;
+  }
+  ASSERT_TRUE(Parse({"scan", "--help"}, line, error));
+  for (const char* option : {"--config", "--no-hash", "--auto-update", "--report-atime"})
+    EXPECT_NE(line.helpText.find(option), std::string::npos) << option;
 }
 
 }  // namespace
