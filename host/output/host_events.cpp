@@ -1,8 +1,20 @@
 #include "host/output/host_events.h"
 
+#include <iterator>
+
 #include "pax/enumerations.h"
 
 namespace arvo::host {
+namespace {
+
+// The host's own names first: its ids are outside the product's range.
+std::optional<std::string_view> NameIn(const pax::EnumTable& host, const pax::EnumTable& product,
+                                       std::uint32_t value) {
+  const auto name = pax::NameOf(host, static_cast<std::int32_t>(value));
+  return name ? name : pax::NameOf(product, static_cast<std::int32_t>(value));
+}
+
+}  // namespace
 
 const char* CoverageReasonName(CoverageReason reason) {
   switch (reason) {
@@ -34,25 +46,18 @@ pax::ProductEvent MakeCoverageEvent(const std::string& area, CoverageReason reas
 }
 
 std::optional<std::string_view> EventTypeName(std::uint32_t eventType) {
-  switch (eventType) {
-    case host_event_type::kCoverageLost:
-      return "CoverageLost";
-    case host_event_type::kCoverageRestored:
-      return "CoverageRestored";
-    default:
-      return pax::NameOf(pax::ProductEventTypeTable(), static_cast<std::int32_t>(eventType));
-  }
+  static constexpr pax::EnumRow kRows[] = {
+      {host_event_type::kCoverageLost, "CoverageLost"},
+      {host_event_type::kCoverageRestored, "CoverageRestored"}};
+  static constexpr pax::EnumTable kHost{"HostEventType", kRows, std::size(kRows)};
+  return NameIn(kHost, pax::ProductEventTypeTable(), eventType);
 }
 
 std::optional<std::string_view> FieldName(std::uint32_t fieldId) {
-  switch (fieldId) {
-    case host_field::kArea:
-      return "Area";
-    case host_field::kReason:
-      return "Reason";
-    default:
-      return pax::NameOf(pax::EventFieldNameTable(), static_cast<std::int32_t>(fieldId));
-  }
+  static constexpr pax::EnumRow kRows[] = {{host_field::kArea, "Area"},
+                                           {host_field::kReason, "Reason"}};
+  static constexpr pax::EnumTable kHost{"HostEventFieldName", kRows, std::size(kRows)};
+  return NameIn(kHost, pax::EventFieldNameTable(), fieldId);
 }
 
 }  // namespace arvo::host

@@ -38,28 +38,26 @@ pax::ProductEvent MovedEvent() {
 Fields ToMap(const std::vector<JournalField>& entry) { return Fields(entry.begin(), entry.end()); }
 
 void ExpectMovedEventFields(const Fields& f) {
-  auto one = [&](const std::string& key) {
-    EXPECT_EQ(f.count(key), 1u) << key;
-    const auto it = f.find(key);
-    return it == f.end() ? std::string() : it->second;
+  const std::pair<const char*, std::string> expected[] = {
+      {"PRIORITY", "2"},
+      {"SYSLOG_IDENTIFIER", "arvo-fim"},
+      {"ARVO_FIM_TYPE", "SystemIntegrityIssue"},
+      {"ARVO_FIM_TYPE_ID", "67"},
+      {"ARVO_FIM_SEVERITY", "Critical"},
+      {"ARVO_FIM_EVENT_ID", "7"},
+      {"ARVO_FIM_TIME", "1732168260"},
+      {"ARVO_FIM_MODIFICATION", "ObjectMoved"},
+      {"ARVO_FIM_OBJECT_TYPE", "File"},
+      {"ARVO_FIM_PATH", kOddPath},  // bytes, newline and all
+      {"ARVO_FIM_ORIGINAL_PATH", "/srv/old"},
+      {"ARVO_FIM_TASK_ID", "42"},
+      {"ARVO_FIM_TASK_NAME", "Nightly scan"},
+      {"ARVO_FIM_SHA256_HASH", "ab"},
+      {"ARVO_FIM_FIELD_2", "1"},
+      {"ARVO_FIM_FIELD_3000", "5"},
   };
-  EXPECT_EQ(one("PRIORITY"), "2");
-  EXPECT_EQ(one("SYSLOG_IDENTIFIER"), "arvo-fim");
-  EXPECT_EQ(one("ARVO_FIM_TYPE"), "SystemIntegrityIssue");
-  EXPECT_EQ(one("ARVO_FIM_TYPE_ID"), "67");
-  EXPECT_EQ(one("ARVO_FIM_SEVERITY"), "Critical");
-  EXPECT_EQ(one("ARVO_FIM_EVENT_ID"), "7");
-  EXPECT_EQ(one("ARVO_FIM_TIME"), "1732168260");
-  EXPECT_EQ(one("ARVO_FIM_MODIFICATION"), "ObjectMoved");
-  EXPECT_EQ(one("ARVO_FIM_OBJECT_TYPE"), "File");
-  EXPECT_EQ(one("ARVO_FIM_PATH"), kOddPath);  // bytes, newline and all
-  EXPECT_EQ(one("ARVO_FIM_ORIGINAL_PATH"), "/srv/old");
-  EXPECT_EQ(one("ARVO_FIM_TASK_ID"), "42");
-  EXPECT_EQ(one("ARVO_FIM_TASK_NAME"), "Nightly scan");
-  EXPECT_EQ(one("ARVO_FIM_SHA256_HASH"), "ab");
-  EXPECT_EQ(one("ARVO_FIM_FIELD_2"), "1");
-  EXPECT_EQ(one("ARVO_FIM_FIELD_3000"), "5");
-  const std::string message = one("MESSAGE");
+  for (const auto& [key, value] : expected) EXPECT_EQ(test::JournalValue(f, key), value) << key;
+  const std::string message = test::JournalValue(f, "MESSAGE");
   EXPECT_EQ(
       message.rfind(R"(SystemIntegrityIssue Critical "/srv/a\xff\xfe b\x0ac" ObjectMoved)", 0), 0u)
       << message;
