@@ -74,6 +74,7 @@ void AddMonitorOptions(CLI::App& app, CommandLine& out) {
   app.add_option("--output", out.outputFile, "append events to FILE instead of stdout")
       ->check(NonEmpty("--output"))
       ->option_text("FILE");
+  app.add_flag("--journal", out.journal, "also send each event to the systemd journal");
   app.add_option("PATH", out.paths, "areas to monitor, besides the configured ones");
 }
 

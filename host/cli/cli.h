@@ -41,6 +41,7 @@ struct CommandLine {
   std::vector<std::string> paths;
   std::optional<OutputFormat> format;
   std::string outputFile;
+  bool journal = false;                 // events also go to the systemd journal
   bool detections = false;              // watch, daemon
   std::optional<WatchBackend> backend;  // watch, daemon: --backend
   // scan, daemon, accept.

@@ -45,9 +45,12 @@ TEST(CliTest, ScanAndDaemonFlags) {
   EXPECT_EQ(scan.traceLevel, 300u);
 
   CommandLine daemon;
-  ASSERT_TRUE(Parse({"daemon", "--config", "c.toml", "--interval", "60", "--hash"}, daemon, error));
+  EXPECT_FALSE(scan.journal);
+  ASSERT_TRUE(Parse({"daemon", "--config", "c.toml", "--interval", "60", "--hash", "--journal"},
+                    daemon, error));
   EXPECT_EQ(daemon.intervalSeconds, 60u);
   EXPECT_EQ(daemon.hash, true);
+  EXPECT_TRUE(daemon.journal);
   CommandLine unscheduled;
   ASSERT_TRUE(Parse({"daemon", "--interval", "0", "/srv"}, unscheduled, error)) << error;
   EXPECT_EQ(unscheduled.intervalSeconds, 0u);  // set: overrides the configuration

@@ -28,13 +28,19 @@ int RunDaemonCommand(const CommandLine& line) {
   const orn::RefPtr<EventsLog> eventsLog = orn::MakeSimple<EventsLog>();
   if (!eventsLog->Open(config.daemon.eventsLog, error)) return Fail(error);
 
-  // Thread-safe: anything that finds coverage lost asks here for a scan.
+  // Made before the runtime: the watch side asks here for catch-up scans
+  // (thread-safe) until the runtime is gone.
   ScanRequests scanRequests;
   RuntimeSetup setup = MonitorSetup(line, config);
   setup.onAccess = true;
   setup.onDemand = true;
   setup.progress = std::make_shared<ScanProgress>();
   setup.extraOutputs.emplace_back(eventsLog);
+  setup.journal = line.journal || config.daemon.journal == JournalMode::kOn ||
+                  (config.daemon.journal == JournalMode::kAuto && StartedBySystemd());
+  setup.requestCatchUpScan = [&scanRequests](const std::string& reason) {
+    scanRequests.Request(reason);
+  };
   const std::unique_ptr<HostRuntime> runtime = HostRuntime::Create(module, setup, error);
   if (!runtime) return Fail(error);
 
@@ -52,8 +58,9 @@ int RunDaemonCommand(const CommandLine& line) {
   const ConfigLoader reload = [&line](MonitorConfig& fresh, std::string& why) {
     return BuildMonitorConfig(line, fresh, why);
   };
-  DaemonLoop loop({scanner, session, signals, notifier, *eventsLog, *setup.progress, scanRequests},
-                  config, reload, line.intervalSeconds);
+  DaemonLoop loop(
+      {*runtime, scanner, session, signals, notifier, *eventsLog, *setup.progress, scanRequests},
+      config, reload, line.intervalSeconds);
   loop.Run();
   scanner.Release();
   if (!session.Stop(error)) return Fail(error);

@@ -40,6 +40,8 @@ void PrintLastRun(std::FILE* out, const RunState& state, bool known) {
 }
 
 void PrintWatches(std::FILE* out, bool running, const RunState& state) {
+  if (running && !state.backend.empty())
+    std::fprintf(out, "backend:    %s\n", state.backend.c_str());
   const std::optional<long> limit = ReadInotifyLimit(kMaxUserWatchesFile);
   const std::string limitText = limit ? std::to_string(*limit) : "unknown";
   if (running && state.watches >= 0) {

@@ -94,6 +94,8 @@ void DaemonLoop::StartScan(const std::string& reason) {
       std::fprintf(stderr, "arvo-fim: %s\n", error.c_str());
     m_scannerStale = false;
   }
+  // The scan then covers what the roots gained while they were unwatched.
+  m_parts.runtime.RewatchLostAreas();
   std::fprintf(stderr, "arvo-fim: scan started (%s)\n", reason.c_str());
   m_visitedBefore = m_parts.progress.Visited();
   RunOutcome failed;
@@ -142,7 +144,7 @@ void DaemonLoop::ShowStatus() {
   const auto watches = static_cast<std::int64_t>(InotifyWatchesInUse());
   m_parts.notifier.Status(WatchingStatus(static_cast<std::size_t>(watches), m_nextScanWall));
   if (watches != m_publishedWatches) {
-    RecordWatches(watches);
+    RecordWatches(watches, m_parts.runtime.WatchBackendDescription());
     m_publishedWatches = watches;
   }
   m_nextStatus = now + kIdleStatusPeriod;

@@ -12,6 +12,7 @@
 
 #include "host/config/config.h"
 #include "host/output/events_log.h"
+#include "host/runtime/host_runtime.h"
 #include "host/runtime/on_access_session.h"
 #include "host/runtime/on_demand_run.h"
 #include "host/runtime/scan_progress.h"
@@ -27,9 +28,10 @@ using ConfigLoader = std::function<bool(MonitorConfig& config, std::string& erro
 
 // What the loop drives; the owner keeps each alive for the loop's life.
 struct DaemonParts {
-  OnDemandMonitor& scanner;  // created with `config`'s settings
-  OnAccessSession& session;  // started with OnAccessSettings(config)
-  SignalWatch& signals;      // made with SIGINT, SIGTERM, SIGHUP and SIGUSR1
+  const HostRuntime& runtime;  // with the on-access services: lost roots are rewatched
+  OnDemandMonitor& scanner;    // created with `config`'s settings
+  OnAccessSession& session;    // started with OnAccessSettings(config)
+  SignalWatch& signals;        // made with SIGINT, SIGTERM, SIGHUP and SIGUSR1
   ServiceNotifier& notifier;
   EventsLog& eventsLog;  // opened at config.daemon.eventsLog
   const ScanProgress& progress;

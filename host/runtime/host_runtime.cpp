@@ -2,8 +2,9 @@
 
 #include <cstdio>
 
-#include "host/runtime/watch_provider.h"
 #include "host/output/event_fanout.h"
+#include "host/output/journal_output.h"
+#include "host/runtime/watch_provider.h"
 #include "host/services/allocator.h"
 #include "host/services/file_factory.h"
 #include "host/services/path_matcher.h"
@@ -50,14 +51,14 @@ bool HostRuntime::Init(const RuntimeSetup& setup, std::string& error) {
   m_format = setup.format.value_or(DefaultFormatFor(output.Get()));
   m_writer = std::make_shared<LineWriter>(std::move(output));
   m_events = orn::MakeSimple<EventOutput>(m_writer, m_format);
-  if (setup.extraOutputs.empty()) {
-    m_locator->Register<pax::IEventPublisher>(m_events.Get());
-  } else {
-    std::vector<orn::RefPtr<pax::IEventPublisher>> outputs{m_events};
-    outputs.insert(outputs.end(), setup.extraOutputs.begin(), setup.extraOutputs.end());
-    m_locator->Register<pax::IEventPublisher>(
-        orn::MakeSimple<EventFanout>(std::move(outputs)).Get());
-  }
+  std::vector<orn::RefPtr<pax::IEventPublisher>> outputs{m_events};
+  outputs.insert(outputs.end(), setup.extraOutputs.begin(), setup.extraOutputs.end());
+  if (setup.journal) outputs.push_back(orn::MakeSimple<JournalOutput>());
+  m_publisher =
+      outputs.size() == 1
+          ? orn::RefPtr<pax::IEventPublisher>(m_events)
+          : orn::RefPtr<pax::IEventPublisher>(orn::MakeSimple<EventFanout>(std::move(outputs)));
+  m_locator->Register<pax::IEventPublisher>(m_publisher.Get());
 
   orn::RefPtr<pax::IPathMatcherFactory> matchers;
   if (const orn::result_t r = CreatePathMatcherFactory(m_tracer.Get(), matchers); ORN_FAILED(r)) {
@@ -70,8 +71,10 @@ bool HostRuntime::Init(const RuntimeSetup& setup, std::string& error) {
 
   if (setup.onAccess) {
     orn::RefPtr<pax::IInotifyEventsProvider> provider;
-    const orn::result_t r =
-        CreateWatchProvider(m_tracer.Get(), setup.backend, provider, m_watchBackend);
+    CoverageObserver observer =
+        MakeCoverageResponse(m_publisher, m_tracer, setup.requestCatchUpScan);
+    const orn::result_t r = CreateWatchProvider(m_tracer.Get(), setup.backend, std::move(observer),
+                                                provider, m_watchBackend, &m_coverage);
     if (ORN_FAILED(r)) {
       error = DescribeFailure(m_watchBackend, r);
       return false;
@@ -143,6 +146,10 @@ bool HostRuntime::AddPublisherService(std::string& error) {
   m_locator->Register(orn::IidOf<mdr::agent::IFileIntegrityMonitorDetectEventSubscription>(), 0,
                       m_publisherService.Get());
   return true;
+}
+
+void HostRuntime::RewatchLostAreas() const {
+  if (m_coverage) m_coverage->RewatchLostRoots();
 }
 
 orn::result_t HostRuntime::CreateTask(orn::clsid_t clsid, orn::RefPtr<ITask>& task,

@@ -40,7 +40,8 @@ std::string FormatRunState(const RunState& state) {
   std::ostringstream s;
   s << "finished_at=" << state.finishedAt << "\ncommand=" << OneLine(state.command)
     << "\nresult=" << OneLine(state.result) << "\nissues=" << state.issues
-    << "\nreason=" << OneLine(state.reason) << "\nwatches=" << state.watches << '\n';
+    << "\nreason=" << OneLine(state.reason) << "\nwatches=" << state.watches
+    << "\nbackend=" << OneLine(state.backend) << '\n';
   return s.str();
 }
 
@@ -58,6 +59,7 @@ RunState ParseRunState(const std::string& text) {
     if (key == "issues") ParseNumber(value, state.issues);
     if (key == "reason") state.reason = value;
     if (key == "watches") ParseNumber(value, state.watches);
+    if (key == "backend") state.backend = value;
   }
   return state;
 }
@@ -116,8 +118,11 @@ void RecordRun(const std::string& command, const RunOutcome& outcome) {
   });
 }
 
-void RecordWatches(std::int64_t watches) {
-  UpdateRunState([&](RunState& state) { state.watches = watches; });
+void RecordWatches(std::int64_t watches, const std::string& backend) {
+  UpdateRunState([&](RunState& state) {
+    state.watches = watches;
+    state.backend = backend;
+  });
 }
 
 }  // namespace arvo::host

@@ -1,7 +1,8 @@
 // The small state file the host keeps beside the database, so that
 // `arvo-fim status` can tell what happened last without disturbing a running
 // daemon: the time and outcome of the last on-demand run and, while a daemon
-// runs, how many directories it watches. Also where the daemon's pid file is.
+// runs, its watch backend and how many directories it watches with inotify.
+// Also where the daemon's pid file is.
 #pragma once
 
 #include <cstdint>
@@ -18,6 +19,7 @@ struct RunState {
   std::uint64_t issues = 0;     // SystemIntegrityIssue events of that run
   std::string reason;           // the task's reason text
   std::int64_t watches = -1;    // directories the daemon watches; -1: not known
+  std::string backend;          // the daemon's watch backend, as it describes it
   bool operator==(const RunState&) const = default;
 };
 
@@ -39,9 +41,9 @@ bool WriteRunState(const std::string& file, const RunState& state, std::string& 
 bool ReadRunState(const std::string& file, RunState& state);
 
 // Updates RunStateFile() with the end of a run by `command`, or with the
-// daemon's watch count, keeping the rest of what it holds. A failure is
+// daemon's watch backend and inotify watch count, keeping the rest of what it holds. A failure is
 // reported on stderr (the file is advisory; the run's result stands).
 void RecordRun(const std::string& command, const RunOutcome& outcome);
-void RecordWatches(std::int64_t watches);
+void RecordWatches(std::int64_t watches, const std::string& backend);
 
 }  // namespace arvo::host

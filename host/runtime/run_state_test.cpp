@@ -13,7 +13,7 @@ namespace arvo::host {
 namespace {
 
 TEST(RunStateTest, RoundTripsAndToleratesJunk) {
-  const RunState state{1764000000, "daemon", "failed", 3, "disk\nfull", 812};
+  const RunState state{1764000000, "daemon", "failed", 3, "disk\nfull", 812, "inotify"};
   RunState expected = state;
   expected.reason = "disk full";  // one line per value
   EXPECT_EQ(ParseRunState(FormatRunState(state)), expected);
@@ -27,7 +27,7 @@ TEST(RunStateTest, FilesLiveBesideTheDatabaseAndKeepEachOthersFields) {
   ::setenv("ARVO_FIM_DB", (dir / "fim.db").c_str(), 1);
   EXPECT_EQ(RunStateFile(), dir / "arvo-fim.state");
   EXPECT_EQ(DaemonPidFile(), dir / "arvo-fim.daemon.pid");
-  RecordWatches(7);
+  RecordWatches(7, "fanotify (file-system marks)");
   RunOutcome outcome;
   outcome.kind = RunOutcome::Kind::kCompleted;
   outcome.issues = 2;
@@ -35,6 +35,7 @@ TEST(RunStateTest, FilesLiveBesideTheDatabaseAndKeepEachOthersFields) {
   RunState state;
   ASSERT_TRUE(ReadRunState(RunStateFile(), state));
   EXPECT_EQ(state.watches, 7);
+  EXPECT_EQ(state.backend, "fanotify (file-system marks)");
   EXPECT_EQ(state.command, "scan");
   EXPECT_EQ(state.result, "completed");
   EXPECT_EQ(state.issues, 2u);

@@ -6,11 +6,13 @@
 namespace arvo::host {
 
 orn::result_t CreateWatchProvider(orn::ITracer* tracer, WatchBackend wanted,
+                                  CoverageObserver observer,
                                   orn::RefPtr<pax::IInotifyEventsProvider>& out,
-                                  std::string& description) {
+                                  std::string& description,
+                                  std::shared_ptr<InotifyCoverage>* coverage) {
   std::string refused;
   if (wanted != WatchBackend::kInotify) {
-    const orn::result_t r = CreateFanotifyProvider(tracer, out, refused);
+    const orn::result_t r = CreateFanotifyProvider(tracer, out, refused, observer);
     if (ORN_SUCCEEDED(r)) {
       description = "fanotify (file-system marks)";
       return r;
@@ -20,7 +22,7 @@ orn::result_t CreateWatchProvider(orn::ITracer* tracer, WatchBackend wanted,
       return r;
     }
   }
-  const orn::result_t r = CreateInotifyProvider(tracer, out);
+  const orn::result_t r = CreateInotifyProvider(tracer, out, std::move(observer), coverage);
   if (ORN_FAILED(r)) {
     description = "cannot create the inotify provider";
   } else {

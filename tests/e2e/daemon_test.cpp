@@ -102,9 +102,10 @@ class DaemonTest : public ::testing::Test {
             {"WATCHDOG_USEC", "200000"}};
   }
 
-  std::unique_ptr<Process> StartDaemon() {
-    auto p = std::make_unique<Process>(
-        std::vector<std::string>{"daemon", "--format", "json", "--config", m_config}, Env());
+  std::unique_ptr<Process> StartDaemon(const std::vector<std::string>& extra = {}) {
+    std::vector<std::string> args{"daemon", "--format", "json", "--config", m_config};
+    args.insert(args.end(), extra.begin(), extra.end());
+    auto p = std::make_unique<Process>(args, Env());
     EXPECT_TRUE(m_notify.WaitFor("READY=1")) << p->Stderr() << m_notify.Seen();
     return p;
   }
@@ -239,12 +240,14 @@ TEST_F(DaemonTest, OperatorCommandsCheckShowAndAccept) {
   EXPECT_EQ(shown.find("no baseline"), std::string::npos) << shown;
 
   {
-    auto daemon = StartDaemon();
-    // The daemon publishes its watch count right after READY=1.
+    // inotify, whose watches are counted, whoever runs the test.
+    auto daemon = StartDaemon({"--backend", "inotify"});
+    // The daemon publishes its backend and watch count right after READY=1.
     EXPECT_TRUE(Eventually([&] {
       shown = status();
       return shown.find("watches:    1 in use") != std::string::npos;
     })) << shown;
+    EXPECT_NE(shown.find("backend:    inotify\n"), std::string::npos) << shown;
     EXPECT_NE(shown.find("daemon:     running (pid "), std::string::npos) << shown;
     daemon->Signal(SIGTERM);
     EXPECT_EQ(daemon->Finish(), 0) << daemon->Stderr();
