@@ -117,7 +117,8 @@ TEST_F(CoverageTest, FanotifyQueueOverflowTakesTheSamePath) {
   const std::string outside = m_tree / "outside";
   ASSERT_EQ(::mkdir(outside.c_str(), 0755), 0);
   auto daemon = StartDaemon("fanotify", "3600");
-  ASSERT_TRUE(daemon->WaitForStderr("watch backend: fanotify")) << daemon->Stderr();
+  ASSERT_NE(daemon->Stderr().find("watch backend: fanotify"), std::string::npos)
+      << daemon->Stderr();
   ASSERT_TRUE(daemon->Stop());
   for (int i = 0; i < 20000; ++i) {
     const std::string name = outside + "/f" + std::to_string(i);

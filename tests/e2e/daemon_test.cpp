@@ -89,7 +89,9 @@ class DaemonTest : public ::testing::Test {
   // `daemonTable` as its [daemon] table.
   std::string Config(const std::vector<std::string>& areas,
                      const std::string& daemonTable = "interval = 0\nscan_at_start = false\n") {
-    std::string text = "[daemon]\n" + daemonTable;
+    // $NOTIFY_SOCKET makes the daemon look started by systemd, which turns
+    // the journal on by default; the tests have no journal to take entries.
+    std::string text = "[daemon]\njournal = false\n" + daemonTable;
     for (const auto& area : areas) text += "[[area]]\npath = \"" + (m_tree / area) + "\"\n";
     return text;
   }
