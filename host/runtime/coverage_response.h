@@ -21,7 +21,7 @@ namespace arvo::host {
 // people ("QueueOverflow: /srv").
 using CatchUpScanRequest = std::function<void(std::string reason)>;
 
-// The observer to hand the inotify provider. `publisher` must be
+// The observer to hand the watch provider. `publisher` must be
 // thread-safe; `tracer` may be null; `requestScan` may be empty (nothing
 // can scan: the loss is only reported).
 CoverageObserver MakeCoverageResponse(orn::RefPtr<pax::IEventPublisher> publisher,
