@@ -152,7 +152,10 @@ void DaemonLoop::ShowStatus() {
 
 void DaemonLoop::ReopenLog() {
   std::string error;
-  if (m_parts.eventsLog.Reopen(error)) return;
+  if (m_parts.eventsLog.Reopen(error)) {
+    std::fprintf(stderr, "arvo-fim: events log reopened\n");
+    return;
+  }
   std::fprintf(stderr, "arvo-fim: %s\n", error.c_str());
 }
 
