@@ -6,12 +6,11 @@
 #include <functional>
 #include <string_view>
 
+#include "host/config/config.h"
 #include "host/services/tracer.h"
 
 namespace arvo::host {
 namespace {
-
-constexpr std::uint32_t kMaxIntervalSeconds = 2'000'000;  // poll() takes int milliseconds
 
 // A validator whose message is the whole error text: ValidationError adds
 // "<option>: " in front, which ParseCommandLine strips again.
@@ -33,10 +32,9 @@ std::string TraceLevelError(const std::string& value) {
 
 std::string IntervalError(const std::string& value) {
   std::uint32_t seconds = 0;
-  if (CLI::detail::lexical_cast(value, seconds) && seconds >= 1 && seconds <= kMaxIntervalSeconds)
-    return {};
-  return "invalid interval '" + value + "' (expected 1 to " + std::to_string(kMaxIntervalSeconds) +
-         " seconds)";
+  if (CLI::detail::lexical_cast(value, seconds) && seconds <= kMaxScanIntervalSeconds) return {};
+  return "invalid interval '" + value + "' (expected 0 to " +
+         std::to_string(kMaxScanIntervalSeconds) + " seconds)";
 }
 
 // Options every command takes: where trace lines go and how many.
@@ -49,11 +47,15 @@ void AddTraceOptions(CLI::App& app, CommandLine& out) {
       ->option_text("FILE");
 }
 
-// Options of the commands that run a monitor (watch, scan, daemon).
-void AddMonitorOptions(CLI::App& app, CommandLine& out) {
-  app.add_option("--config", out.configFile, "the monitors' configuration (TOML)")
+void AddConfigOption(CLI::App& app, CommandLine& out, const char* description) {
+  app.add_option("--config", out.configFile, description)
       ->check(NonEmpty("--config"))
       ->option_text("FILE");
+}
+
+// Options of the commands that run a monitor (watch, scan, daemon, accept).
+void AddMonitorOptions(CLI::App& app, CommandLine& out) {
+  AddConfigOption(app, out, "the monitors' configuration (TOML)");
   app.add_option("--exclude", out.excludes, "a global exclusion (repeatable)")
       ->allow_extra_args(false)
       ->option_text("GLOB");
@@ -72,6 +74,7 @@ void AddMonitorOptions(CLI::App& app, CommandLine& out) {
   app.add_option("--output", out.outputFile, "append events to FILE instead of stdout")
       ->check(NonEmpty("--output"))
       ->option_text("FILE");
+  app.add_flag("--journal", out.journal, "also send each event to the systemd journal");
   app.add_option("PATH", out.paths, "areas to monitor, besides the configured ones");
 }
 
@@ -109,6 +112,15 @@ CLI::App* AddCommand(CLI::App& app, CommandLine& out, Command command, const cha
   return sub;
 }
 
+// A command that runs the on-demand monitor (scan, daemon, accept).
+CLI::App* AddScanningCommand(CLI::App& app, CommandLine& out, Command command, const char* name,
+                             const char* description) {
+  CLI::App* sub = AddCommand(app, out, command, name, description);
+  AddMonitorOptions(*sub, out);
+  AddScanOptions(*sub, out);
+  return sub;
+}
+
 void BuildApp(CLI::App& app, CommandLine& out) {
   app.name("arvo-fim");
   app.allow_extras();
@@ -134,21 +146,34 @@ void BuildApp(CLI::App& app, CommandLine& out) {
   AddMonitorOptions(*watch, out);
   AddWatchOptions(*watch, out);
 
-  CLI::App* scan = AddCommand(app, out, Command::kScan, "scan",
-                              "one on-demand run; exit 0 no change, 1 changes found, 2 run "
-                              "failed, 3 interrupted");
-  AddMonitorOptions(*scan, out);
-  AddScanOptions(*scan, out);
+  CLI::App* scan = AddScanningCommand(app, out, Command::kScan, "scan",
+                                      "one on-demand run; exit 0 no change, 1 changes found, 2 "
+                                      "run failed, 3 interrupted");
   scan->add_flag("--no-wait", out.noWait, "fail at once when another run holds the database");
 
-  CLI::App* daemon = AddCommand(app, out, Command::kDaemon, "daemon",
-                                "watch, plus a scan at start and every --interval seconds");
-  AddMonitorOptions(*daemon, out);
-  AddScanOptions(*daemon, out);
+  CLI::App* daemon = AddScanningCommand(app, out, Command::kDaemon, "daemon",
+                                        "watch, plus scans at start and on schedule");
   AddWatchOptions(*daemon, out);
-  daemon->add_option("--interval", out.intervalSeconds, "seconds between scans (default 3600)")
+  daemon
+      ->add_option_function<std::uint32_t>(
+          "--interval", [&out](const std::uint32_t& seconds) { out.intervalSeconds = seconds; },
+          "seconds between scans, 0 = none (default: the configuration's, 3600)")
       ->check(Check(IntervalError))
       ->option_text("SECONDS");
+  daemon->footer(
+      "SIGHUP reloads the configuration, SIGUSR1 reopens the events log, SIGTERM/SIGINT stop.");
+
+  CLI::App* status = AddCommand(app, out, Command::kStatus, "status",
+                                "the daemon, the last scan, the watches and the baselines");
+  AddConfigOption(*status, out, "the configuration (default /etc/arvo-fim/arvo-fim.toml if any)");
+
+  AddScanningCommand(app, out, Command::kAccept, "accept",
+                     "one scan whose changes become the new baseline; exit 0 accepted, 2 run "
+                     "failed, 3 interrupted");
+
+  CLI::App* check = AddCommand(app, out, Command::kCheckConfig, "check-config",
+                               "validates a configuration; exit 0, or 2 with where it is wrong");
+  AddConfigOption(*check, out, "the configuration (default /etc/arvo-fim/arvo-fim.toml)");
 }
 
 std::string Quoted(const std::string& arg) { return "'" + arg.substr(0, arg.find('=')) + "'"; }
@@ -195,7 +220,8 @@ std::string Reword(const CLI::ParseError& e, const std::vector<std::string>& arg
 }
 
 bool TakesPaths(Command command) {
-  return command == Command::kWatch || command == Command::kScan || command == Command::kDaemon;
+  return command == Command::kWatch || command == Command::kScan || command == Command::kDaemon ||
+         command == Command::kAccept;
 }
 
 }  // namespace
@@ -248,7 +274,8 @@ bool ParseCommandLine(int argc, const char* const* argv, CommandLine& out, std::
 
 const char* UsageLine() {
   return "usage: arvo-fim [--module PATH] [--trace-level 0|300|500|800] [--trace-file FILE] "
-         "{--version | list | watch | scan | daemon} [OPTIONS] [PATH...]";
+         "{--version | list | watch | scan | daemon | status | accept | check-config} [OPTIONS] "
+         "[PATH...]";
 }
 
 }  // namespace arvo::host

@@ -15,7 +15,18 @@
 
 namespace arvo::host {
 
-enum class Command { kNone, kHelp, kVersion, kList, kWatch, kScan, kDaemon };
+enum class Command {
+  kNone,
+  kHelp,
+  kVersion,
+  kList,
+  kWatch,
+  kScan,
+  kDaemon,
+  kStatus,
+  kAccept,
+  kCheckConfig
+};
 
 struct CommandLine {
   Command command = Command::kHelp;
@@ -24,21 +35,22 @@ struct CommandLine {
   std::string modulePath;
   std::uint32_t traceLevel = 300;  // 0 = off
   std::string traceFile;
-  // watch, scan, daemon.
+  // watch, scan, daemon, accept; status and check-config take only --config.
   std::string configFile;
   std::vector<std::string> excludes;
   std::vector<std::string> paths;
   std::optional<OutputFormat> format;
   std::string outputFile;
+  bool journal = false;                 // events also go to the systemd journal
   bool detections = false;              // watch, daemon
   std::optional<WatchBackend> backend;  // watch, daemon: --backend
-  // scan, daemon.
+  // scan, daemon, accept.
   std::optional<bool> hash;  // --hash / --no-hash
   bool autoUpdate = false;
   bool reportAccessTime = false;
   bool noWait = false;  // scan: fail at once when another run holds the database
   // daemon.
-  std::uint32_t intervalSeconds = 3600;
+  std::optional<std::uint32_t> intervalSeconds;  // set: overrides [daemon] interval
 };
 
 // On failure returns false and sets `error` (without the "arvo-fim: " prefix).

@@ -46,9 +46,28 @@ TEST(CliTest, ScanAndDaemonFlags) {
   EXPECT_EQ(scan.traceLevel, 300u);
 
   CommandLine daemon;
-  ASSERT_TRUE(Parse({"daemon", "--config", "c.toml", "--interval", "60", "--hash"}, daemon, error));
+  EXPECT_FALSE(scan.journal);
+  ASSERT_TRUE(Parse({"daemon", "--config", "c.toml", "--interval", "60", "--hash", "--journal"},
+                    daemon, error));
   EXPECT_EQ(daemon.intervalSeconds, 60u);
   EXPECT_EQ(daemon.hash, true);
+  EXPECT_TRUE(daemon.journal);
+  CommandLine unscheduled;
+  ASSERT_TRUE(Parse({"daemon", "--interval", "0", "/srv"}, unscheduled, error)) << error;
+  EXPECT_EQ(unscheduled.intervalSeconds, 0u);  // set: overrides the configuration
+  CommandLine configured;
+  ASSERT_TRUE(Parse({"daemon", "/srv"}, configured, error)) << error;
+  EXPECT_FALSE(configured.intervalSeconds);
+
+  CommandLine status, accept, check;
+  ASSERT_TRUE(Parse({"status", "--config", "c.toml"}, status, error)) << error;
+  EXPECT_EQ(status.command, Command::kStatus);
+  EXPECT_EQ(status.configFile, "c.toml");
+  ASSERT_TRUE(Parse({"accept", "--config", "c.toml", "/srv"}, accept, error)) << error;
+  EXPECT_EQ(accept.command, Command::kAccept);
+  EXPECT_EQ(accept.paths, std::vector<std::string>{"/srv"});
+  ASSERT_TRUE(Parse({"check-config"}, check, error)) << error;
+  EXPECT_EQ(check.command, Command::kCheckConfig);
 
   CommandLine list;
   ASSERT_TRUE(Parse({"modules"}, list, error));
@@ -73,7 +92,9 @@ TEST(CliTest, BadUsageIsExplained) {
       {{"scan", "--interval", "5"}, "unknown option '--interval' for 'scan'"},
       {{"scan", "--format", "xml"}, "invalid format 'xml'"},
       {{"scan", "--auto-update=yes"}, "option --auto-update takes no value"},
-      {{"daemon", "--interval", "0"}, "invalid interval '0'"},
+      {{"daemon", "--interval", "2000001"}, "invalid interval '2000001'"},
+      {{"status", "--exclude", "x"}, "unknown option '--exclude' for 'status'"},
+      {{"check-config", "/etc"}, "unexpected argument '/etc' for 'check-config'"},
       {{"daemon", "--interval", "1x"}, "invalid interval '1x'"},
       {{"list", "/path"}, "unexpected argument '/path' for 'list'"},
       {{"watch", "--config="}, "option --config needs a non-empty value"},

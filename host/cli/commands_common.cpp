@@ -75,6 +75,7 @@ RuntimeSetup MonitorSetup(const CommandLine& line, const MonitorConfig& config) 
   setup.traceLevel = line.traceLevel;
   setup.traceFile = line.traceFile;
   setup.outputFile = line.outputFile;
+  setup.journal = line.journal;
   setup.format = line.format;
   setup.config = &config;
   setup.backend = config.watchBackend;

@@ -1,5 +1,6 @@
-// arvo-fim daemon: the on-access monitor, plus an on-demand run at start and
-// then every --interval seconds, until SIGINT or SIGTERM.
+// arvo-fim daemon: the on-access monitor, plus on-demand runs at start, on
+// schedule and after a reload, until SIGINT or SIGTERM; SIGHUP reloads the
+// configuration, SIGUSR1 reopens the events log (host/runtime/daemon_loop.h).
 #pragma once
 
 #include "host/cli/cli.h"

@@ -10,6 +10,7 @@
 #include "host/runtime/on_demand_run.h"
 #include "host/runtime/progress_line.h"
 #include "host/runtime/run_diagnostics.h"
+#include "host/runtime/run_state.h"
 #include "host/runtime/scan_progress.h"
 #include "host/runtime/signal_watch.h"
 #include "host/util/private_directory.h"
@@ -124,6 +125,7 @@ int RunScanCommand(const CommandLine& line) {
       RunWithRetries(monitor, signals, wait, *diagnostics, progress, issues, retries);
   monitor.Release();
   progress.Clear();
+  RecordRun("scan", outcome);
   return Report(outcome, *diagnostics, *runtime, line, hashing, issues, retries);
 }
 

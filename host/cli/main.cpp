@@ -5,10 +5,12 @@
 #include <string>
 
 #include "host/cli/cli.h"
+#include "host/cli/commands_accept.h"
 #include "host/cli/commands_common.h"
 #include "host/cli/commands_daemon.h"
 #include "host/cli/commands_list.h"
 #include "host/cli/commands_scan.h"
+#include "host/cli/commands_status.h"
 #include "host/cli/commands_version.h"
 #include "host/cli/commands_watch.h"
 #include "host/util/standard_streams.h"
@@ -39,6 +41,12 @@ int main(int argc, char** argv) {
       return RunScanCommand(line);
     case Command::kDaemon:
       return RunDaemonCommand(line);
+    case Command::kStatus:
+      return RunStatusCommand(StatusOptions{line.configFile});
+    case Command::kAccept:
+      return RunAcceptCommand(line);
+    case Command::kCheckConfig:
+      return RunCheckConfigCommand(CheckConfigOptions{line.configFile});
     case Command::kNone:
       break;
   }

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <toml++/toml.h>
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -155,13 +156,16 @@ class Reader {
     });
   }
 
-  bool Area(const toml::table& t, const std::string& p, std::vector<ScanArea>& areas) {
+  bool Area(const toml::table& t, const std::string& p, MonitorConfig& config) {
+    std::vector<ScanArea>& areas = config.settings.scanAreas;
     ScanArea area;
     area.areaFlag = true;
+    bool watch = true;
     std::string path;
-    if (!CheckKeys(t, p, {"path", "name", "enabled", "exclude", "exclusion"}) ||
+    if (!CheckKeys(t, p, {"path", "name", "enabled", "watch", "exclude", "exclusion"}) ||
         !String(t, p, "path", path) || !Text(t, p, "name", area.areaName) ||
-        !Bool(t, p, "enabled", area.areaFlag) || !Exclusions(t, p, area.localExclusions))
+        !Bool(t, p, "enabled", area.areaFlag) || !Bool(t, p, "watch", watch) ||
+        !Exclusions(t, p, area.localExclusions))
       return false;
     const toml::node* node = t.get("path");
     const toml::source_region& where = node ? node->source() : t.source();
@@ -171,6 +175,7 @@ class Reader {
     for (const ScanArea& other : areas)
       if (other.path == area.path) return Fail(where, p + "path", "area given twice: " + area.path);
     if (area.areaName.empty()) area.areaName = orn::text::NarrowToWide(area.path);
+    if (!watch) config.scanOnlyAreas.push_back(area.path);
     areas.push_back(std::move(area));
     return true;
   }
@@ -232,6 +237,49 @@ class Reader {
     return true;
   }
 
+  bool Interval(const toml::table& t, std::uint32_t& out) {
+    const toml::node* node = t.get("interval");
+    if (!node) return true;
+    const auto* number = node->as_integer();
+    if (!number) return WrongType(*node, "daemon.interval", "an integer");
+    if (number->get() < 0 || number->get() > kMaxScanIntervalSeconds)
+      return Fail(node->source(), "daemon.interval",
+                  "expected 0 to " + std::to_string(kMaxScanIntervalSeconds) + " seconds");
+    out = static_cast<std::uint32_t>(number->get());
+    return true;
+  }
+
+  bool Journal(const toml::table& t, JournalMode& out) {
+    const toml::node* node = t.get("journal");
+    if (!node) return true;
+    if (const auto* flag = node->as_boolean()) {
+      out = flag->get() ? JournalMode::kOn : JournalMode::kOff;
+      return true;
+    }
+    if (const auto* text = node->as_string(); text && text->get() == "auto") {
+      out = JournalMode::kAuto;
+      return true;
+    }
+    return Fail(node->source(), "daemon.journal", "expected \"auto\", true or false");
+  }
+
+  bool Daemon(const toml::table& root, DaemonConfig& out) {
+    const toml::node* node = root.get("daemon");
+    if (!node) return true;
+    const toml::table* t = node->as_table();
+    if (!t) return WrongType(*node, "daemon", "a table ([daemon])");
+    return CheckKeys(*t, "daemon.", {"interval", "scan_at_start", "events_log", "journal"}) &&
+           Interval(*t, out.intervalSeconds) &&
+           Bool(*t, "daemon.", "scan_at_start", out.scanAtStart) && EventsLog(*t, out.eventsLog) &&
+           Journal(*t, out.journal);
+  }
+
+  bool EventsLog(const toml::table& t, std::string& out) {
+    if (!String(t, "daemon.", "events_log", out)) return false;
+    if (out.empty() || out.front() == '/') return true;
+    return Fail(t.get("events_log")->source(), "daemon.events_log", "must be absolute: " + out);
+  }
+
   bool TaskId(const toml::table& root, pax::core::TaskId& out) {
     const toml::node* node = root.get("task_id");
     if (!node) return true;
@@ -246,13 +294,13 @@ class Reader {
     pax::settings::ODFIMSettings& s = config.settings;
     return CheckKeys(root, "",
                      {"task_id", "task_name", "rule_id", "exclude", "exclusion", "masks", "scan",
-                      "watch", "area"}) &&
+                      "watch", "area", "daemon"}) &&
            TaskId(root, config.taskId) && Text(root, "", "task_name", config.taskName) &&
            Text(root, "", "rule_id", s.ruleId) && Exclusions(root, "", s.globalExclusions) &&
            Masks(root, s) && ScanOptions(root, s) && Watch(root, config.watchBackend) &&
-           Tables(root, "", "area", [&](const toml::table& t, const std::string& p) {
-             return Area(t, p, s.scanAreas);
-           });
+           Daemon(root, config.daemon) &&
+           Tables(root, "", "area",
+                  [&](const toml::table& t, const std::string& p) { return Area(t, p, config); });
   }
 
  private:
@@ -331,6 +379,15 @@ bool AddAreas(const std::vector<std::string>& paths, MonitorConfig& config, std:
     if (!known) config.settings.scanAreas.push_back(std::move(area));
   }
   return true;
+}
+
+pax::settings::OAFIMSettings OnAccessSettings(const MonitorConfig& config) {
+  pax::settings::OAFIMSettings settings = config.settings;
+  std::erase_if(settings.scanAreas, [&](const ScanArea& area) {
+    return std::find(config.scanOnlyAreas.begin(), config.scanOnlyAreas.end(), area.path) !=
+           config.scanOnlyAreas.end();
+  });
+  return settings;
 }
 
 void AddExclusions(const std::vector<std::string>& globs, MonitorConfig& config) {

@@ -16,8 +16,18 @@
 // [watch]      backend ("auto" | "fanotify" | "inotify", default "auto"):
 //              the kernel interface that watches the areas
 // [[area]]     path (absolute, required), name (text, default: the path),
-//              enabled (bool, default true), exclude (list of globs: local
-//              exclusions, short form), [[area.exclusion]] (full form)
+//              enabled (bool, default true), watch (bool, default true:
+//              false = scanned only, left out of the on-access settings),
+//              exclude (list of globs: local exclusions, short form),
+//              [[area.exclusion]] (full form)
+// [daemon]     what `arvo-fim daemon` does besides watching:
+//              interval (integer seconds >= 0, default 3600; 0 = no
+//              scheduled scans; --interval overrides), scan_at_start (bool,
+//              default true: changes made while the daemon was down are
+//              reported at its start), events_log (path of a JSON Lines file
+//              every event is appended to, default "" = none; created mode
+//              0640 with its directory), journal ("auto" | true | false,
+//              default "auto" = on when started by systemd)
 //
 // Any other key, a value of the wrong type, an empty or relative area path or
 // an area given twice is an error naming the file, the line and the key.
@@ -25,6 +35,7 @@
 // trailing "/" are removed.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -38,6 +49,21 @@ namespace arvo::host {
 
 inline constexpr char16_t kDefaultTaskName[] = u"System_Integrity_Monitoring";
 
+// The [daemon] table.
+enum class JournalMode { kAuto, kOn, kOff };
+
+inline constexpr std::uint32_t kDefaultScanIntervalSeconds = 3600;
+// poll() takes int milliseconds: about 23 days is the longest interval.
+inline constexpr std::uint32_t kMaxScanIntervalSeconds = 2'000'000;
+
+struct DaemonConfig {
+  std::uint32_t intervalSeconds = kDefaultScanIntervalSeconds;  // 0: no scheduled scans
+  bool scanAtStart = true;
+  std::string eventsLog;  // empty: none
+  JournalMode journal = JournalMode::kAuto;
+  bool operator==(const DaemonConfig&) const = default;
+};
+
 struct MonitorConfig {
   // Content hashing is on unless the configuration or --no-hash turns it
   // off: without it a rewrite that keeps the size reads as a mere
@@ -48,7 +74,13 @@ struct MonitorConfig {
   pax::core::TaskId taskId = 1;
   orn::types::string16_t taskName = kDefaultTaskName;
   WatchBackend watchBackend = WatchBackend::kAuto;
+  // Paths of the areas with `watch = false`: scanned, never watched.
+  std::vector<std::string> scanOnlyAreas;
+  DaemonConfig daemon;
 };
+
+// The on-access monitor's settings: `config`'s, without its scan-only areas.
+pax::settings::OAFIMSettings OnAccessSettings(const MonitorConfig& config);
 
 // Parses TOML `text`; `sourceName` names it in messages. On failure returns
 // false and sets `error` to "<source>:<line>:<column>: <key>: <what>".

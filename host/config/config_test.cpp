@@ -96,6 +96,36 @@ TEST(ConfigTest, DefaultsWhenKeysAreAbsent) {
   EXPECT_EQ(c.watchBackend, WatchBackend::kAuto);
 }
 
+TEST(ConfigTest, DaemonTableAndScanOnlyAreas) {
+  const MonitorConfig defaults = Parse("");
+  EXPECT_EQ(defaults.daemon, DaemonConfig{});
+  EXPECT_EQ(defaults.daemon.intervalSeconds, 3600u);
+  EXPECT_TRUE(defaults.daemon.scanAtStart);
+  EXPECT_EQ(defaults.daemon.journal, JournalMode::kAuto);
+
+  const MonitorConfig c = Parse(R"(
+[daemon]
+interval = 0
+scan_at_start = false
+events_log = "/var/log/x/events.jsonl"
+journal = false
+[[area]]
+path = "/big"
+watch = false
+[[area]]
+path = "/small"
+)");
+  EXPECT_EQ(c.daemon, (DaemonConfig{0, false, "/var/log/x/events.jsonl", JournalMode::kOff}));
+  EXPECT_EQ(Parse("[daemon]\njournal = true\n").daemon.journal, JournalMode::kOn);
+  EXPECT_EQ(Parse("[daemon]\njournal = \"auto\"\n").daemon.journal, JournalMode::kAuto);
+  // Scanned: both areas; watched: only the one without `watch = false`.
+  EXPECT_EQ(c.settings.scanAreas.size(), 2u);
+  const pax::settings::OAFIMSettings watched = OnAccessSettings(c);
+  ASSERT_EQ(watched.scanAreas.size(), 1u);
+  EXPECT_EQ(watched.scanAreas[0].path, "/small");
+  EXPECT_EQ(watched.ruleId, c.settings.ruleId);
+}
+
 TEST(ConfigTest, ErrorsNameFileLineAndKey) {
   struct Case {
     const char* text;
@@ -122,6 +152,14 @@ TEST(ConfigTest, ErrorsNameFileLineAndKey) {
       {"[area]\npath = \"/a\"\n", "cfg.toml:1:1: area: expected an array of tables"},
       {"[[area]]\npath = \"/a\"\n[[area.exclusion]]\npattern = 5\n",
        "cfg.toml:4:11: area[1].exclusion[1].pattern: expected a string, got integer"},
+      {"[[area]]\npath = \"/a\"\nwatch = \"no\"\n",
+       "cfg.toml:3:9: area[1].watch: expected a boolean, got string"},
+      {"[daemon]\ninterval = -5\n", "cfg.toml:2:12: daemon.interval: expected 0 to 2000000"},
+      {"[daemon]\ninterval = 1.5\n", "cfg.toml:2:12: daemon.interval: expected an integer"},
+      {"[daemon]\njournal = \"yes\"\n", "cfg.toml:2:11: daemon.journal: expected \"auto\""},
+      {"[daemon]\nevents_log = \"x.log\"\n", "cfg.toml:2:14: daemon.events_log: must be absolute"},
+      {"[daemon]\nintervall = 5\n", "cfg.toml:2:1: daemon.intervall: unknown key"},
+      {"daemon = 5\n", "cfg.toml:1:10: daemon: expected a table"},
   };
   for (const Case& c : cases) {
     const std::string error = ErrorOf(c.text);
@@ -178,7 +216,8 @@ TEST(ConfigTest, ShippedExampleIsValid) {
   MonitorConfig config;
   std::string error;
   ASSERT_TRUE(LoadConfigFile((dir / "host/config/example.toml").string(), config, error)) << error;
-  EXPECT_EQ(config.settings.scanAreas.size(), 3u);
+  EXPECT_EQ(config.settings.scanAreas.size(), 4u);
+  EXPECT_EQ(config.scanOnlyAreas.size(), 1u);
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <optional>
 #include <string_view>
 
+#include "host/output/host_events.h"
 #include "host/util/display_text.h"
 #include "orn/text.h"
 #include "pax/enumerations.h"
@@ -62,9 +63,13 @@ std::string LocalTime(std::int64_t seconds) {
   return text;
 }
 
-std::string NameOr(const pax::EnumTable& table, std::uint32_t value, const char* fallback) {
-  const auto name = pax::NameOf(table, static_cast<std::int32_t>(value));
+std::string NameOr(std::optional<std::string_view> name, std::uint32_t value,
+                   const char* fallback) {
   return name ? std::string(*name) : fallback + std::to_string(value);
+}
+
+std::string NameOr(const pax::EnumTable& table, std::uint32_t value, const char* fallback) {
+  return NameOr(pax::NameOf(table, static_cast<std::int32_t>(value)), value, fallback);
 }
 
 const pax::EventField* FindField(const pax::ProductEvent& event, std::uint32_t id) {
@@ -202,9 +207,7 @@ std::string FormatEventJson(const pax::ProductEvent& event, const ProcessOrigin*
   out.reserve(256);
   out += "{\"id\":" + std::to_string(event.id);
   out += ",\"eventType\":" + std::to_string(event.eventType);
-  AppendNamedMember(
-      out, "eventTypeName",
-      pax::NameOf(pax::ProductEventTypeTable(), static_cast<std::int32_t>(event.eventType)));
+  AppendNamedMember(out, "eventTypeName", EventTypeName(event.eventType));
   out += ",\"severity\":" + std::to_string(event.severity);
   AppendNamedMember(
       out, "severityName",
@@ -216,9 +219,7 @@ std::string FormatEventJson(const pax::ProductEvent& event, const ProcessOrigin*
     if (!first) out.push_back(',');
     first = false;
     out += "{\"id\":" + std::to_string(field.fieldId);
-    AppendNamedMember(
-        out, "name",
-        pax::NameOf(pax::EventFieldNameTable(), static_cast<std::int32_t>(field.fieldId)));
+    AppendNamedMember(out, "name", FieldName(field.fieldId));
     out += ",\"value\":";
     AppendJsonValue(out, field.value);
     out.push_back('}');
@@ -230,8 +231,11 @@ std::string FormatEventJson(const pax::ProductEvent& event, const ProcessOrigin*
 }
 
 std::string FormatEventText(const pax::ProductEvent& event, const ProcessOrigin* origin) {
-  std::string out = LocalTime(event.time);
-  out += ' ' + NameOr(pax::ProductEventTypeTable(), event.eventType, "EventType");
+  return LocalTime(event.time) + ' ' + FormatEventSummary(event, origin);
+}
+
+std::string FormatEventSummary(const pax::ProductEvent& event, const ProcessOrigin* origin) {
+  std::string out = NameOr(EventTypeName(event.eventType), event.eventType, "EventType");
   out += ' ' + NameOr(pax::EventSeverityTable(), event.severity, "Severity");
   const pax::EventField* path = FindField(event, pax::field::kPath);
   if (path) {
@@ -244,7 +248,7 @@ std::string FormatEventText(const pax::ProductEvent& event, const ProcessOrigin*
         ' ' + NameOr(pax::FileModificationTypeTable(), modification->value.AsU32(), "Modification");
   for (const pax::EventField& field : event.fields) {
     if (&field == path || &field == modification) continue;
-    out += ' ' + NameOr(pax::EventFieldNameTable(), field.fieldId, "Field") + '=';
+    out += ' ' + NameOr(FieldName(field.fieldId), field.fieldId, "Field") + '=';
     if (field.fieldId == pax::field::kFileObjectType &&
         field.value.Tag() == pax::FieldTag::kUInt32) {
       out += NameOr(pax::FileObjectTypeTable(), field.value.AsU32(), "");

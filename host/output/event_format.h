@@ -50,6 +50,9 @@ enum class OutputFormat { kJson, kText };
 // `origin` (may be null): the process behind the event.
 std::string FormatEventJson(const pax::ProductEvent& event, const ProcessOrigin* origin = nullptr);
 std::string FormatEventText(const pax::ProductEvent& event, const ProcessOrigin* origin = nullptr);
+// The text form without its leading time (for outputs that stamp their own).
+std::string FormatEventSummary(const pax::ProductEvent& event,
+                               const ProcessOrigin* origin = nullptr);
 std::string FormatDetectJson(const pax::DetectEvent& event);
 std::string FormatDetectText(const pax::DetectEvent& event);
 

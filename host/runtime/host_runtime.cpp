@@ -2,6 +2,8 @@
 
 #include <cstdio>
 
+#include "host/output/event_fanout.h"
+#include "host/output/journal_output.h"
 #include "host/runtime/watch_provider.h"
 #include "host/services/allocator.h"
 #include "host/services/file_factory.h"
@@ -51,7 +53,14 @@ bool HostRuntime::Init(const RuntimeSetup& setup, std::string& error) {
   m_writer = std::make_shared<LineWriter>(std::move(output));
   m_outputFile = setup.outputFile;
   m_events = orn::MakeSimple<EventOutput>(m_writer, m_format);
-  m_locator->Register<pax::IEventPublisher>(m_events.Get());
+  std::vector<orn::RefPtr<pax::IEventPublisher>> outputs{m_events};
+  outputs.insert(outputs.end(), setup.extraOutputs.begin(), setup.extraOutputs.end());
+  if (setup.journal) outputs.push_back(orn::MakeSimple<JournalOutput>());
+  m_publisher =
+      outputs.size() == 1
+          ? orn::RefPtr<pax::IEventPublisher>(m_events)
+          : orn::RefPtr<pax::IEventPublisher>(orn::MakeSimple<EventFanout>(std::move(outputs)));
+  m_locator->Register<pax::IEventPublisher>(m_publisher.Get());
 
   orn::RefPtr<pax::IPathMatcherFactory> matchers;
   if (const orn::result_t r = CreatePathMatcherFactory(m_tracer.Get(), matchers); ORN_FAILED(r)) {
@@ -64,8 +73,10 @@ bool HostRuntime::Init(const RuntimeSetup& setup, std::string& error) {
 
   if (setup.onAccess) {
     orn::RefPtr<pax::IInotifyEventsProvider> provider;
-    const orn::result_t r =
-        CreateWatchProvider(m_tracer.Get(), setup.backend, provider, m_watchBackend);
+    CoverageObserver observer =
+        MakeCoverageResponse(m_publisher, m_tracer, setup.requestCatchUpScan);
+    const orn::result_t r = CreateWatchProvider(m_tracer.Get(), setup.backend, std::move(observer),
+                                                provider, m_watchBackend, &m_coverage);
     if (ORN_FAILED(r)) {
       error = DescribeFailure(m_watchBackend, r);
       return false;
@@ -145,6 +156,10 @@ bool HostRuntime::ReopenOutput(std::string& error) const {
   if (ORN_FAILED(OpenOutput(m_outputFile, fd, error))) return false;
   m_writer->Replace(std::move(fd));
   return true;
+}
+
+void HostRuntime::RewatchLostAreas() const {
+  if (m_coverage) m_coverage->RewatchLostRoots();
 }
 
 orn::result_t HostRuntime::CreateTask(orn::clsid_t clsid, orn::RefPtr<ITask>& task,

@@ -52,6 +52,18 @@ bool OnAccessSession::Start(const HostRuntime& runtime,
   return true;
 }
 
+bool OnAccessSession::SetSettings(const pax::settings::OAFIMSettings& settings,
+                                  std::string& error) {
+  orn::RefPtr<pax::fim::IIntegrityMonitorTaskSettings> target;
+  orn::result_t r = m_task ? orn::QueryInterface(m_task.Get(), target) : orn::errors::kInvalidState;
+  if (ORN_SUCCEEDED(r)) r = target->SetSettings(&settings);
+  if (ORN_FAILED(r)) {
+    error = DescribeFailure("the on-access monitor refused its new settings", r);
+    return false;
+  }
+  return true;
+}
+
 bool OnAccessSession::Stop(std::string& error) {
   bool ok = true;
   if (m_started) {

@@ -31,6 +31,10 @@ class OnAccessSession {
   // leaves nothing running.
   bool Start(const HostRuntime& runtime, const pax::settings::OAFIMSettings& settings,
              bool detections, std::string& error);
+  // Hands the started task new settings; it watches the new set of areas
+  // from then on (the task re-subscribes its areas). On failure the task
+  // keeps running and `error` says why.
+  bool SetSettings(const pax::settings::OAFIMSettings& settings, std::string& error);
   // Stops the task, drops the detection printer and releases the task.
   bool Stop(std::string& error);
   // Areas the started task watches: the enabled ones of its settings.

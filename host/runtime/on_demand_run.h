@@ -49,12 +49,27 @@ class OnDemandMonitor {
   // Creates the task and hands it its settings.
   bool Create(const pax::settings::ODFIMSettings& settings, std::string& error);
 
+  // Hands the task new settings for its next run. Must not be called while
+  // a run is going on (the task would block until the run ends).
+  bool SetSettings(const pax::settings::ODFIMSettings& settings, std::string& error);
+
   // One run under `sessionId`. Waits for the stop report, or for a signal of
   // `signals` or `wait.stopFd` that stops the run (then asks the task to
   // stop and waits for its report). A Start that fails is followed by Stop,
   // so that the task takes the next Start.
   RunOutcome Run(app_core::task_manager::task::TaskSessionId sessionId, SignalWatch& signals,
                  const RunWait& wait = {});
+
+  // The same run in steps, for callers with a poll loop of their own:
+  // Begin starts it (false: it did not start, `failed` says why, and the
+  // task is stopped again); the run
+  // has ended once Ended() is true (ReadyFd() becomes readable then);
+  // Finish stops the task (interrupting a run still going on) and returns
+  // the outcome.
+  bool Begin(app_core::task_manager::task::TaskSessionId sessionId, RunOutcome& failed);
+  int ReadyFd() const { return m_stopSink->ReadyFd(); }
+  bool Ended() const { return m_stopSink->Report().has_value(); }
+  RunOutcome Finish();
 
   // Releases the task (its last reference).
   void Release() { m_task.Reset(); }
@@ -63,6 +78,7 @@ class OnDemandMonitor {
   const HostRuntime& m_runtime;
   orn::RefPtr<app_core::task_manager::task::ITask> m_task;
   orn::RefPtr<StopSink> m_stopSink = orn::MakeSimple<StopSink>();
+  std::uint64_t m_issuesBefore = 0;  // issue events counted when the run began
 };
 
 }  // namespace arvo::host

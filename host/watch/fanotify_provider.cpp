@@ -54,11 +54,13 @@ std::string PathOfFd(int fd) {
 
 class FanotifyCore {
  public:
-  FanotifyCore(orn::ITracer* tracer, ScopedFd fanotify, ScopedFd wake, std::uint64_t markMask)
+  FanotifyCore(orn::ITracer* tracer, ScopedFd fanotify, ScopedFd wake, std::uint64_t markMask,
+               CoverageObserver observer)
       : m_tracer(tracer),
         m_fanotify(std::move(fanotify)),
         m_wake(std::move(wake)),
-        m_markMask(markMask) {}
+        m_markMask(markMask),
+        m_observer(std::move(observer)) {}
 
   orn::ITracer* Tracer() const { return m_tracer.Get(); }
   orn::result_t Subscribe(pax::IInotifyEventsReceiver* receiver, const std::string& directory,
@@ -74,12 +76,14 @@ class FanotifyCore {
   bool WaitForRecords(bool& mountsChanged);
   void CheckMounts();
   void Deliver(const std::vector<InotifyDelivery>& deliveries, const ProcessOrigin* origin);
+  void TellOverflow(const std::vector<InotifyDelivery>& deliveries) const;
 
   const orn::RefPtr<orn::ITracer> m_tracer;
   const ScopedFd m_fanotify;
   const ScopedFd m_wake;
   const ScopedFd m_mountinfo{::open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC)};
   const std::uint64_t m_markMask;
+  const CoverageObserver m_observer;  // may be empty
   const pid_t m_self = ::getpid();
   std::atomic<bool> m_stop{false};
   std::atomic<std::thread::id> m_deliveryThread{};
@@ -171,8 +175,13 @@ void FanotifyCore::Run() {
         m_scope.Translate(record, m_resolver, deliveries);
       }
       if (deliveries.empty()) continue;
+      if (record.Overflow()) {
+        Deliver(deliveries, nullptr);
+        TellOverflow(deliveries);
+        continue;
+      }
       const ProcessOrigin origin = ReadProcessOrigin(record.pid, record.pidfd.Get());
-      Deliver(deliveries, record.Overflow() ? nullptr : &origin);
+      Deliver(deliveries, &origin);
     }
   }
 }
@@ -237,6 +246,24 @@ void FanotifyCore::Deliver(const std::vector<InotifyDelivery>& deliveries,
       m_delivering = nullptr;
     }
     m_idle.notify_all();
+  }
+}
+
+// One notice per subscription root, as the inotify provider gives: the
+// deliveries of an overflow record name each root once.
+void FanotifyCore::TellOverflow(const std::vector<InotifyDelivery>& deliveries) const {
+  if (!m_observer) return;
+  for (const InotifyDelivery& delivery : deliveries) {
+    if (m_stop.load()) return;
+    CoverageNotice notice;
+    notice.area = delivery.event.path;
+    notice.reason = CoverageReason::kQueueOverflow;
+    notice.path = delivery.event.path;
+    try {
+      m_observer(notice);
+    } catch (...) {  // observers must not throw; the thread must not die of it
+      (void)orn::ExceptionToResult(Tracer(), "fanotify\tException from the coverage observer: ");
+    }
   }
 }
 
@@ -327,7 +354,7 @@ ScopedFd InitFanotify(std::uint64_t& markMask, std::string& why) {
 
 orn::result_t CreateFanotifyProvider(orn::ITracer* tracer,
                                      orn::RefPtr<pax::IInotifyEventsProvider>& out,
-                                     std::string& why) {
+                                     std::string& why, CoverageObserver observer) {
   std::uint64_t markMask = 0;
   ScopedFd fanotify = InitFanotify(markMask, why);
   if (!fanotify.Valid()) return orn::ResultFromErrno(errno);
@@ -337,8 +364,8 @@ orn::result_t CreateFanotifyProvider(orn::ITracer* tracer,
     return orn::ResultFromErrno(errno);
   }
   try {
-    auto core =
-        std::make_shared<FanotifyCore>(tracer, std::move(fanotify), std::move(wake), markMask);
+    auto core = std::make_shared<FanotifyCore>(tracer, std::move(fanotify), std::move(wake),
+                                               markMask, std::move(observer));
     out = orn::MakeSimple<FanotifyProvider>(std::move(core));
   } catch (...) {
     why = "out of memory";

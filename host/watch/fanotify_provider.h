@@ -14,9 +14,11 @@
 // ProcessOrigin (host/util/process_origin.h). Changes made by this process
 // itself (its database, logs, storage) are not delivered.
 //
-// A queue overflow reaches every subscription as an error event; a watched
-// file system that is unmounted reaches the subscriptions on it as an error
-// event too.
+// A queue overflow reaches every subscription as an error event, then the
+// coverage observer (when given) as one kQueueOverflow notice per
+// subscription root, with no provider lock held, as from the inotify
+// provider (host/util/coverage_notice.h). A watched file system that is
+// unmounted reaches the subscriptions on it as an error event.
 //
 // Needs CAP_SYS_ADMIN (fanotify_init) and CAP_DAC_READ_SEARCH
 // (open_by_handle_at); CreateFanotifyProvider fails without them, and the
@@ -27,6 +29,7 @@
 
 #include <string>
 
+#include "host/util/coverage_notice.h"
 #include "orn/ref_ptr.h"
 #include "orn/tracer.h"
 #include "pax/inotify.h"
@@ -35,9 +38,10 @@ namespace arvo::host {
 
 // Creates the provider and its fanotify instance; the delivery thread starts
 // on the first Subscribe. On failure `why` says what the kernel refused, in
-// words for the line that explains which backend runs.
+// words for the line that explains which backend runs. `observer` may be
+// empty.
 orn::result_t CreateFanotifyProvider(orn::ITracer* tracer,
                                      orn::RefPtr<pax::IInotifyEventsProvider>& out,
-                                     std::string& why);
+                                     std::string& why, CoverageObserver observer = {});
 
 }  // namespace arvo::host

@@ -23,10 +23,10 @@
 #include "framework/check.h"
 #include "framework/exceptions.h"
 #include "framework/trace.h"
+#include "host/util/scoped_fd.h"
 #include "host/watch/inotify_event_reader.h"
 #include "host/watch/inotify_limits.h"
 #include "host/watch/inotify_watch_tree.h"
-#include "host/util/scoped_fd.h"
 #include "orn/simple_object.h"
 
 namespace arvo::host {
@@ -38,14 +38,17 @@ constexpr std::uint32_t kSubscribableMask =
 // State shared by the provider object and its delivery thread. The thread
 // keeps the core alive by itself, so a provider released on the delivery
 // thread can let the thread finish instead of joining it.
-class DeliveryCore {
+class DeliveryCore final : public InotifyCoverage {
  public:
-  DeliveryCore(orn::ITracer* tracer, ScopedFd inotify, ScopedFd wake)
+  DeliveryCore(orn::ITracer* tracer, ScopedFd inotify, ScopedFd wake, CoverageObserver observer)
       : m_tracer(tracer),
         m_inotify(std::move(inotify)),
         m_wake(std::move(wake)),
+        m_observer(std::move(observer)),
         m_registrar(m_inotify.Get()),
         m_tree(m_registrar, tracer) {}
+
+  void RewatchLostRoots() override;
 
   orn::ITracer* Tracer() const { return m_tracer.Get(); }
   orn::result_t Subscribe(pax::IInotifyEventsReceiver* receiver, const std::string& directory,
@@ -59,10 +62,13 @@ class DeliveryCore {
   bool WaitForRecords();
   std::size_t QueuedBytes() const;
   void Deliver(const std::vector<InotifyDelivery>& deliveries);
+  // Without m_mutex held.
+  void Tell(const std::vector<CoverageNotice>& notices) const;
 
   const orn::RefPtr<orn::ITracer> m_tracer;
   const ScopedFd m_inotify;
   const ScopedFd m_wake;  // eventfd: wakes the thread to stop
+  const CoverageObserver m_observer;
   InotifyRegistrar m_registrar;
   std::atomic<bool> m_stop{false};
   std::atomic<std::thread::id> m_deliveryThread{};
@@ -81,10 +87,13 @@ orn::result_t DeliveryCore::Subscribe(pax::IInotifyEventsReceiver* receiver,
   (void)receiver->GetName(name);
   std::size_t directories = 0;
   orn::result_t r;
+  std::vector<CoverageNotice> notices;
   {
     std::lock_guard lock(m_mutex);
     r = m_tree.Subscribe(receiver, directory, mask & kSubscribableMask, &directories);
+    notices = m_tree.TakeNotices();
   }
+  Tell(notices);
   if (ORN_FAILED(r)) return r;  // traced by the tree, which knows why
   ORN_TRACE(Tracer(), orn::kTraceLevelDetail)
       << "inotify\tWatching '" << directory << "' for " << name << " (mask 0x" << std::hex << mask
@@ -123,12 +132,36 @@ void DeliveryCore::Run() {
     m_reader.Drain(InotifyEventReader::Clock::now(), records);
     if (records.empty()) continue;
     deliveries.clear();
+    std::vector<CoverageNotice> notices;
     {
       std::lock_guard lock(m_mutex);
       for (const RawInotifyEvent& record : records) m_tree.Translate(record, deliveries);
       if (m_reader.Pending() == 0 && QueuedBytes() == 0) m_tree.ForgetCatchUp();
+      notices = m_tree.TakeNotices();
     }
     Deliver(deliveries);
+    Tell(notices);
+  }
+}
+
+void DeliveryCore::RewatchLostRoots() {
+  std::vector<CoverageNotice> notices;
+  {
+    std::lock_guard lock(m_mutex);
+    m_tree.RewatchLostRoots();
+    notices = m_tree.TakeNotices();
+  }
+  Tell(notices);
+}
+
+void DeliveryCore::Tell(const std::vector<CoverageNotice>& notices) const {
+  if (!m_observer) return;
+  for (const CoverageNotice& notice : notices) {
+    try {
+      m_observer(notice);
+    } catch (...) {  // observers must not throw; the thread must not die of it
+      (void)orn::ExceptionToResult(Tracer(), "inotify\tException from the coverage observer: ");
+    }
   }
 }
 
@@ -245,7 +278,9 @@ class InotifyProvider final : public orn::SimpleObject<pax::IInotifyEventsProvid
 }  // namespace
 
 orn::result_t CreateInotifyProvider(orn::ITracer* tracer,
-                                    orn::RefPtr<pax::IInotifyEventsProvider>& out) {
+                                    orn::RefPtr<pax::IInotifyEventsProvider>& out,
+                                    CoverageObserver observer,
+                                    std::shared_ptr<InotifyCoverage>* coverage) {
   ScopedFd inotify(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
   if (!inotify.Valid()) {
     const int err = errno;
@@ -262,7 +297,9 @@ orn::result_t CreateInotifyProvider(orn::ITracer* tracer,
                         "inotify\tCannot create the delivery thread's wake-up event");
   }
   try {
-    auto core = std::make_shared<DeliveryCore>(tracer, std::move(inotify), std::move(wake));
+    auto core = std::make_shared<DeliveryCore>(tracer, std::move(inotify), std::move(wake),
+                                               std::move(observer));
+    if (coverage) *coverage = core;
     out = orn::MakeSimple<InotifyProvider>(std::move(core));
   } catch (...) {
     return orn::ExceptionToResult(tracer, "inotify\tCannot create the provider: ");

@@ -32,18 +32,42 @@
 // the delivery thread ends on its own instead of being joined. Subscribe
 // walks its tree under the provider's lock, so delivery to every receiver
 // pauses while a large tree is set up (records wait in the kernel's queue).
+//
+// Coverage: the host may pass an observer that learns of every loss of
+// coverage (queue overflow, watch limit, unreadable directory, root lost)
+// and of every lost root watched again (see host/util/coverage_notice.h).
+// It is called after the events of the same records were delivered, with no
+// provider lock held. A lost root is watched again only when asked
+// (InotifyCoverage::RewatchLostRoots) or after a queue overflow.
 #pragma once
 
+#include <memory>
+
+#include "host/util/coverage_notice.h"
 #include "orn/ref_ptr.h"
 #include "orn/tracer.h"
 #include "pax/inotify.h"
 
 namespace arvo::host {
 
+// The host's controls of a provider beyond the module's interface.
+// Thread-safe; kept valid by the holder even after the provider is released.
+class InotifyCoverage {
+ public:
+  virtual ~InotifyCoverage() = default;
+  // Watches again every subscription root that was lost and exists now;
+  // the observer hears of each one (kRootBack) on the calling thread.
+  virtual void RewatchLostRoots() = 0;
+};
+
 // Creates the provider and its inotify instance; the delivery thread starts
-// on the first Subscribe. `tracer` may be null. Fails when the kernel refuses
-// an instance (the per-user instance limit is traced with how to raise it).
+// on the first Subscribe. `tracer` may be null; `observer` may be empty;
+// `coverage` (may be null) receives the provider's coverage controls. Fails
+// when the kernel refuses an instance (the per-user instance limit is
+// traced with how to raise it).
 orn::result_t CreateInotifyProvider(orn::ITracer* tracer,
-                                    orn::RefPtr<pax::IInotifyEventsProvider>& out);
+                                    orn::RefPtr<pax::IInotifyEventsProvider>& out,
+                                    CoverageObserver observer = {},
+                                    std::shared_ptr<InotifyCoverage>* coverage = nullptr);
 
 }  // namespace arvo::host

@@ -104,9 +104,43 @@ void WriteFile(const std::string& path, const std::string& data = "x") {
   ASSERT_EQ(WriteAll(fd.Get(), data.data(), data.size()), 0);
 }
 
+// The coverage notices the provider gives, for tests to wait on.
+class NoticeLog {
+ public:
+  CoverageObserver Observer() {
+    return [this](const CoverageNotice& notice) {
+      {
+        std::lock_guard lock(m_mutex);
+        m_notices.push_back(notice);
+      }
+      m_changed.notify_all();
+    };
+  }
+  bool WaitFor(CoverageReason reason, const std::string& area) {
+    std::unique_lock lock(m_mutex);
+    return m_changed.wait_for(lock, kPatience, [&] {
+      return std::any_of(m_notices.begin(), m_notices.end(), [&](const CoverageNotice& n) {
+        return n.reason == reason && n.area == area;
+      });
+    });
+  }
+  std::size_t Count(CoverageReason reason) const {
+    std::lock_guard lock(m_mutex);
+    return std::count_if(m_notices.begin(), m_notices.end(),
+                         [&](const CoverageNotice& n) { return n.reason == reason; });
+  }
+
+ private:
+  mutable std::mutex m_mutex;
+  std::condition_variable m_changed;
+  std::vector<CoverageNotice> m_notices;
+};
+
 class InotifyProviderTest : public ::testing::Test {
  protected:
-  void SetUp() override { ASSERT_EQ(CreateInotifyProvider(tracer.Get(), provider), 0); }
+  void SetUp() override {
+    ASSERT_EQ(CreateInotifyProvider(tracer.Get(), provider, notices.Observer(), &coverage), 0);
+  }
 
   std::string P(const std::string& relative) const { return dir / relative; }
   orn::RefPtr<Recorder> Watch(const std::string& path, std::uint32_t mask = kAllKinds) {
@@ -117,8 +151,10 @@ class InotifyProviderTest : public ::testing::Test {
 
   test::TempDir dir;
   test::TempDir outside;
+  NoticeLog notices;  // outlives the provider, whose thread tells it
   orn::RefPtr<test::RecordingTracer> tracer = orn::MakeSimple<test::RecordingTracer>();
   orn::RefPtr<pax::IInotifyEventsProvider> provider;
+  std::shared_ptr<InotifyCoverage> coverage;
 };
 
 TEST_F(InotifyProviderTest, ReportsEachKindOfChangeWithItsCode) {
@@ -340,8 +376,26 @@ TEST_F(InotifyProviderTest, DeletedOrMovedRootIsReportedAndForgotten) {
   WriteFile(P("b2/x"));
   witness->WaitFor(mod::kObjectCreated, P("b2/x"));
   for (const Event& e : rb->Events()) EXPECT_EQ(e.path, P("b"));
+  EXPECT_TRUE(notices.WaitFor(CoverageReason::kRootGone, P("a")));
+  EXPECT_TRUE(notices.WaitFor(CoverageReason::kRootGone, P("b")));
   EXPECT_EQ(provider->Unsubscribe(ra.Get()), 0);
   EXPECT_EQ(provider->Unsubscribe(rb.Get()), 0);
+}
+
+TEST_F(InotifyProviderTest, LostRootIsWatchedAgainOnceItExists) {
+  ASSERT_EQ(::mkdir(P("a").c_str(), 0755), 0);
+  auto ra = Watch(P("a"));
+  ASSERT_EQ(::rmdir(P("a").c_str()), 0);
+  ASSERT_TRUE(notices.WaitFor(CoverageReason::kRootGone, P("a")));
+  coverage->RewatchLostRoots();  // not there yet: nothing to watch
+  EXPECT_EQ(notices.Count(CoverageReason::kRootBack), 0u);
+  ASSERT_EQ(::mkdir(P("a").c_str(), 0755), 0);
+  coverage->RewatchLostRoots();  // tells on this thread, before returning
+  EXPECT_EQ(notices.Count(CoverageReason::kRootBack), 1u);
+  WriteFile(P("a/x"));
+  ra->WaitFor(mod::kObjectCreated, P("a/x"));
+  coverage->RewatchLostRoots();  // watched: nothing to tell
+  EXPECT_EQ(notices.Count(CoverageReason::kRootBack), 1u);
 }
 
 TEST_F(InotifyProviderTest, QueueOverflowReachesEveryReceiver) {
@@ -375,6 +429,7 @@ TEST_F(InotifyProviderTest, QueueOverflowReachesEveryReceiver) {
   changed.notify_all();
   EXPECT_TRUE(blocked->WaitForError("events were lost under " + dir.Path()));
   EXPECT_TRUE(other->WaitForError("events were lost under " + dir.Path()));
+  EXPECT_TRUE(notices.WaitFor(CoverageReason::kQueueOverflow, dir.Path()));
 }
 
 // Renames each long component to a short one so that the directory can be

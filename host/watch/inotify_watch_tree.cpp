@@ -119,7 +119,10 @@ orn::result_t InotifyWatchTree::Subscribe(pax::IInotifyEventsReceiver* receiver,
   m_subs.emplace(id, std::move(owned));
 
   m_walked = 0;
-  if (const int err = Walk(sub.top.get(), std::move(fd), path, nullptr); err != 0) {
+  const int err = Walk(sub.top.get(), std::move(fd), path, nullptr);
+  // Past the limit part of the area stays unwatched: noted by the walk, and
+  // better than not watching the area at all.
+  if (err != 0 && !(err == ENOSPC && sub.top->wd >= 0)) {
     DestroyTree(std::move(sub.top));
     m_subs.erase(id);
     const orn::result_t r = orn::ResultFromErrno(err);
@@ -231,6 +234,7 @@ int InotifyWatchTree::WatchDirectory(Node* node, int fd, const std::string& path
       (void)ORN_CHECK_AS(
           m_tracer, orn::ResultFromErrno(ENOSPC), "inotify_add_watch(fd, path, mask)",
           "inotify\t" << WatchLimitMessage(path, ReadInotifyLimit(kMaxUserWatchesFile)));
+      Notice(CoverageReason::kWatchLimit, path);
     }
     return -wd;
   }
@@ -341,10 +345,30 @@ void InotifyWatchTree::DestroyTree(std::unique_ptr<Node> node) {
   }
 }
 
-void InotifyWatchTree::NoteSkipped(int err, const std::string& path) const {
+void InotifyWatchTree::NoteSkipped(int err, const std::string& path) {
   if (IsExpectedSkip(err)) return;
   ORN_TRACE(m_tracer, orn::kTraceLevelWarning)
       << "inotify\tNot watching '" << path << "': " << orn::TraceResult{orn::ResultFromErrno(err)};
+  if (err != ENOSPC) Notice(CoverageReason::kUnreadable, path);  // the limit noted itself
+}
+
+void InotifyWatchTree::Notice(CoverageReason reason, const std::string& path) {
+  CoverageNotice notice{AreaOf(path), reason, path};
+  for (const CoverageNotice& n : m_notices)
+    if (n.area == notice.area && n.reason == reason && n.path == path) return;
+  m_notices.push_back(std::move(notice));
+}
+
+// The innermost subscription root holding `path` (`path` when none does).
+std::string InotifyWatchTree::AreaOf(const std::string& path) const {
+  const std::string* best = nullptr;
+  for (const auto& [id, sub] : m_subs) {
+    const std::string& root = sub->root;
+    const bool inside = path.compare(0, root.size(), root) == 0 &&
+                        (path.size() == root.size() || root == "/" || path[root.size()] == '/');
+    if (inside && (!best || root.size() > best->size())) best = &root;
+  }
+  return best ? *best : path;
 }
 
 void InotifyWatchTree::Translate(const RawInotifyEvent& raw, std::vector<InotifyDelivery>& out) {
@@ -382,6 +406,7 @@ void InotifyWatchTree::HandleOnNode(Node* node, const RawInotifyEvent& raw, std:
     // After an unmount the mount point's own directory shows through: watch it.
     if (unmounted && parent) WatchNew(parent, name, 0, first, out);
     if (unmounted && !parent) Rewatch(sub);
+    if (!parent && !sub.top) Notice(CoverageReason::kRootGone, sub.root);
     return;
   }
   if (raw.name.empty()) {
@@ -430,6 +455,7 @@ void InotifyWatchTree::HandleSelf(Node* node, const RawInotifyEvent& raw, std::s
     ORN_TRACE(m_tracer, orn::kTraceLevelWarning)
         << "inotify\tWatched directory '" << root << "' was moved away: no longer watched";
     RemoveNode(node);
+    Notice(CoverageReason::kRootGone, root);
   } else if (raw.mask & IN_UNMOUNT) {
     EmitError(sub,
               "file system of a watched directory was unmounted: " + root +
@@ -531,9 +557,14 @@ void InotifyWatchTree::HandleOverflow(std::vector<InotifyDelivery>& out) {
       << "inotify\tQueue overflow: events were lost; rescanning the watched trees";
   for (auto& [id, sub] : m_subs) {
     EmitError(*sub, "inotify queue overflow: events were lost under " + sub->root, out);
+    Notice(CoverageReason::kQueueOverflow, sub->root);
   }
   // Directories created while records were lost have no watch yet.
-  for (auto& [id, sub] : m_subs) Rewatch(*sub);
+  for (auto& [id, sub] : m_subs) {
+    const bool lost = !sub->top;
+    Rewatch(*sub);
+    if (lost && sub->top) Notice(CoverageReason::kRootBack, sub->root);
+  }
 }
 
 void InotifyWatchTree::WatchNew(Node* parent, const std::string& name, std::uint32_t creationBits,
@@ -560,6 +591,14 @@ void InotifyWatchTree::WatchNew(Node* parent, const std::string& name, std::uint
     sub.caughtUp.insert(entry.path);
     Emit(sub, mod::kObjectCreated, creationBits, std::move(entry.path), {}, entry.isDirectory,
          first, out);
+  }
+}
+
+void InotifyWatchTree::RewatchLostRoots() {
+  for (auto& [id, sub] : m_subs) {
+    if (sub->top) continue;
+    Rewatch(*sub);
+    if (sub->top) Notice(CoverageReason::kRootBack, sub->root);
   }
 }
 

@@ -21,8 +21,11 @@
 #include <set>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
+#include <utility>
 #include <vector>
 
+#include "host/util/coverage_notice.h"
 #include "host/util/scoped_fd.h"
 #include "host/watch/inotify_event_reader.h"
 #include "orn/ref_ptr.h"
@@ -94,6 +97,15 @@ class InotifyWatchTree {
   // Distinct kernel watches held.
   std::size_t WatchCount() const { return m_byWd.size(); }
 
+  // Watches again each subscription whose root was lost (deleted, moved
+  // away) and exists now; each one is noted as kRootBack.
+  void RewatchLostRoots();
+
+  // What changed in the trees' coverage since the last call: a queue
+  // overflow, a subtree left without a watch, a root lost or back. In the
+  // order it happened, each notice once per area and kind.
+  std::vector<CoverageNotice> TakeNotices() { return std::exchange(m_notices, {}); }
+
   // Called when every record queued so far has been translated (the kernel
   // queue is empty and nothing is held back): from then on no record can
   // repeat an entry that a catch-up walk of a new directory reported.
@@ -155,7 +167,9 @@ class InotifyWatchTree {
   void RemoveChild(Node* parent, const std::string& name);
   void RemoveNode(Node* node);
   void DestroyTree(std::unique_ptr<Node> node);
-  void NoteSkipped(int err, const std::string& path) const;
+  void NoteSkipped(int err, const std::string& path);
+  void Notice(CoverageReason reason, const std::string& path);
+  std::string AreaOf(const std::string& path) const;
 
   void HandleOnNode(Node* node, const RawInotifyEvent& raw, std::size_t first,
                     std::vector<InotifyDelivery>& out);
@@ -185,8 +199,9 @@ class InotifyWatchTree {
   std::unordered_map<int, std::vector<Node*>> m_byWd;
   std::uint64_t m_nextId = 1;
   std::uint64_t m_generation = 0;
-  std::vector<char> m_dirBuffer;  // getdents64 buffer shared by every walk
-  std::size_t m_walked = 0;       // directories attached by walks, for the subscribe trace
+  std::vector<char> m_dirBuffer;          // getdents64 buffer shared by every walk
+  std::size_t m_walked = 0;               // directories attached by walks, for the subscribe trace
+  std::vector<CoverageNotice> m_notices;  // since the last TakeNotices
 };
 
 // `dir` + "/" + `name`, without doubling a trailing "/" of `dir`.

@@ -70,19 +70,30 @@ class InotifyWatchTreeTest : public ::testing::Test {
   orn::RefPtr<NullReceiver> second = orn::MakeSimple<NullReceiver>();
 };
 
-TEST_F(InotifyWatchTreeTest, RunningOutOfWatchesUndoesOnlyTheFailedSubscription) {
+TEST_F(InotifyWatchTreeTest, RunningOutOfWatchesKeepsWhatFitsAndNotesTheLoss) {
   std::size_t directories = 0;
   ASSERT_EQ(tree.Subscribe(first.Get(), dir / "a", IN_CREATE, &directories), 0);
   EXPECT_EQ(directories, 2u);
-  registrar.limit = registrar.live.size() + 3;  // root, b, b/x fit; c does not
-  EXPECT_LT(tree.Subscribe(second.Get(), dir.Path(), IN_CREATE, &directories), 0);
-  EXPECT_EQ(registrar.live.size(), 2u);  // the first subscription's watches, shared ones too
+  // Not even its root fits: the subscription is undone.
+  registrar.limit = registrar.live.size();
+  EXPECT_LT(tree.Subscribe(second.Get(), dir / "b", IN_CREATE, &directories), 0);
   EXPECT_EQ(tree.WatchCount(), 2u);
+  // The root and two of b, b/x, c, c/x fit: those stay watched.
+  registrar.limit = registrar.live.size() + 3;
+  EXPECT_EQ(tree.Subscribe(second.Get(), dir.Path(), IN_CREATE, &directories), 0);
+  EXPECT_EQ(registrar.live.size(), 5u);
   const auto errors = tracer->Texts(orn::kTraceLevelError);
-  ASSERT_EQ(errors.size(), 1u);
+  ASSERT_EQ(errors.size(), 2u);
   EXPECT_NE(errors[0].find("/proc/sys/fs/inotify/max_user_watches"), std::string::npos);
   EXPECT_NE(errors[0].find("sysctl fs.inotify.max_user_watches="), std::string::npos);
+  const auto notices = tree.TakeNotices();
+  ASSERT_EQ(notices.size(), 2u);
+  EXPECT_EQ(notices[0].area, dir / "b");
+  EXPECT_EQ(notices[1].area, dir.Path());
+  EXPECT_EQ(notices[1].reason, CoverageReason::kWatchLimit);
+  EXPECT_NE(notices[1].path.find(dir.Path() + "/"), std::string::npos);
   EXPECT_EQ(tree.Unsubscribe(first.Get()).size(), 1u);
+  EXPECT_EQ(tree.Unsubscribe(second.Get()).size(), 1u);
   EXPECT_TRUE(registrar.live.empty());
 }
 
@@ -102,6 +113,29 @@ TEST_F(InotifyWatchTreeTest, RunningOutOfWatchesInANewDirectoryIsReported) {
   EXPECT_EQ(out[0].event.path, dir / "new");
   EXPECT_NE(out[1].event.error.find("watch limit reached"), std::string::npos);
   EXPECT_GE(registrar.WdOf(dir / "new"), 0);  // what fitted stays watched
+  const auto notices = tree.TakeNotices();
+  ASSERT_EQ(notices.size(), 1u);
+  EXPECT_EQ(notices[0].area, dir.Path());
+  EXPECT_EQ(notices[0].reason, CoverageReason::kWatchLimit);
+  EXPECT_EQ(notices[0].path, dir / "new/deep");
+}
+
+TEST_F(InotifyWatchTreeTest, OverflowIsNotedOncePerArea) {
+  ASSERT_EQ(tree.Subscribe(first.Get(), dir / "a", IN_CREATE, nullptr), 0);
+  ASSERT_EQ(tree.Subscribe(second.Get(), dir / "a", IN_CREATE, nullptr), 0);
+  ASSERT_EQ(tree.Subscribe(second.Get(), dir / "b", IN_CREATE, nullptr), 0);
+  RawInotifyEvent overflow;
+  overflow.wd = -1;
+  overflow.mask = IN_Q_OVERFLOW;
+  std::vector<InotifyDelivery> out;
+  tree.Translate(overflow, out);
+  EXPECT_EQ(out.size(), 3u);  // an error to each subscription
+  const auto notices = tree.TakeNotices();
+  ASSERT_EQ(notices.size(), 2u);
+  EXPECT_EQ(notices[0].area, dir / "a");
+  EXPECT_EQ(notices[1].area, dir / "b");
+  EXPECT_EQ(notices[1].reason, CoverageReason::kQueueOverflow);
+  EXPECT_TRUE(tree.TakeNotices().empty());
 }
 
 TEST_F(InotifyWatchTreeTest, ACatchUpEntryIsReportedOnceUntilTheQueueIsDrained) {

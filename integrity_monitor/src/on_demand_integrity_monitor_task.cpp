@@ -179,11 +179,13 @@ result_t OnDemandIntegrityMonitorTask::Stop() {
         << kOdfimPrefix << "Task is not started, session id: " << m_sessionId.load();
     return orn::errors::kInvalidState;
   }
-  // Raised before the lock: a running walk sees it and ends early, which
-  // is what lets the lock be taken soon.
+  // A running walk sees the flag and ends early. The run is joined before
+  // the task lock is taken: a run that has not taken the lock yet (Stop
+  // right after Start) would otherwise wait for it behind this join. While
+  // the state is Started, Start leaves m_thread alone.
   m_stopFlag = 1;
-  std::lock_guard lock(m_mutex);
   m_thread.Join();
+  std::lock_guard lock(m_mutex);
   m_state = kStopped;
   m_stopEvents = nullptr;
   return orn::errors::kOk;

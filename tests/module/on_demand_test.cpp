@@ -24,10 +24,10 @@
 #include "app_core/task_manager/task/task.h"
 #include "host/services/file_factory.h"
 #include "host/services/path_matcher.h"
-#include "host/storage/persistent_storage.h"
 #include "host/services/sha256_provider.h"
-#include "host/storage/storage_serializer.h"
 #include "host/services/task_info_provider.h"
+#include "host/storage/persistent_storage.h"
+#include "host/storage/storage_serializer.h"
 #include "orn/ref_ptr.h"
 #include "pax/enumerations.h"
 #include "pax/fim_tasks.h"
@@ -371,8 +371,8 @@ TEST_F(OnDemandModuleTest, StopDuringAWalkReportsInterruptedAndKeepsNothing) {
   });
   host.tracer->WaitFor("OnDemandIntegrityMonitorTask::Stop()");
   // After its entry line Stop raises the stop flag and then waits for the
-  // task lock, which the gated run holds: once the stopper sleeps, the flag
-  // is up and the walk must end at its next entry.
+  // gated run to end: once the stopper sleeps, the flag is up and the walk
+  // must end at its next entry.
   WaitUntilAsleep(stopperTid.load());
   gate.Release();
   stopper.join();  // Stop returns once the run has ended
@@ -386,6 +386,18 @@ TEST_F(OnDemandModuleTest, StopDuringAWalkReportsInterruptedAndKeepsNothing) {
   EXPECT_EQ(R(Scan()), kCompleted);  // nothing of the interrupted run was kept
   EXPECT_TRUE(host.tracer->Contains("No previous settings were found"));
   EXPECT_EQ(Count(pax::event_type::kBaselineBuilt), 2u);
+}
+
+TEST_F(OnDemandModuleTest, StopRightAfterStartEndsEveryRun) {
+  orn::RefPtr<ITask> task = NewTask();
+  // The run may not have begun when Stop comes; Stop must not wait for it
+  // in a way that keeps it from beginning.
+  for (app_core::task_manager::task::TaskSessionId session = 1; session <= 20; ++session) {
+    auto sink = orn::MakeSimple<WaitingStopSink>();
+    ASSERT_EQ(task->Start(session, sink.Get()), 0);
+    ASSERT_EQ(task->Stop(), 0);
+    EXPECT_EQ(sink->Count(), 1u);
+  }
 }
 
 TEST_F(OnDemandModuleTest, PauseResumeAndTheRefusalsOfEachState) {
