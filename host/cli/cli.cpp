@@ -1,6 +1,9 @@
 #include "host/cli/cli.h"
 
-#include <charconv>
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+#include <functional>
 #include <string_view>
 
 #include "host/services/tracer.h"
@@ -8,187 +11,221 @@
 namespace arvo::host {
 namespace {
 
-// Bits of the commands an option is valid for.
-enum : unsigned { kGlobal = 1, kWatch = 2, kScan = 4, kDaemon = 8, kOthers = 16 };
-constexpr unsigned kMonitors = kWatch | kScan | kDaemon;
-constexpr unsigned kAnywhere = kGlobal | kMonitors | kOthers;
-
-struct OptionInfo {
-  std::string_view name;
-  bool takesValue;
-  unsigned where;
-};
-
-constexpr OptionInfo kOptions[] = {
-    {"--module", true, kGlobal},
-    {"--trace-level", true, kAnywhere},
-    {"--trace-file", true, kAnywhere},
-    {"--config", true, kMonitors},
-    {"--exclude", true, kMonitors},
-    {"--format", true, kMonitors},
-    {"--output", true, kMonitors},
-    {"--detections", false, kWatch | kDaemon},
-    {"--hash", false, kScan | kDaemon},
-    {"--no-hash", false, kScan | kDaemon},
-    {"--auto-update", false, kScan | kDaemon},
-    {"--report-atime", false, kScan | kDaemon},
-    {"--interval", true, kDaemon},
-};
-
 constexpr std::uint32_t kMaxIntervalSeconds = 2'000'000;  // poll() takes int milliseconds
 
-unsigned ScopeOf(Command command) {
-  switch (command) {
-    case Command::kWatch:
-      return kWatch;
-    case Command::kScan:
-      return kScan;
-    case Command::kDaemon:
-      return kDaemon;
-    default:
-      return kOthers;
+// A validator whose message is the whole error text: ValidationError adds
+// "<option>: " in front, which ParseCommandLine strips again.
+CLI::Validator Check(std::function<std::string(const std::string&)> check) {
+  return CLI::Validator(std::move(check), "", "");
+}
+
+CLI::Validator NonEmpty(const std::string& option) {
+  return Check([option](const std::string& value) {
+    return value.empty() ? "option " + option + " needs a non-empty value" : std::string();
+  });
+}
+
+std::string TraceLevelError(const std::string& value) {
+  std::uint32_t level = 0;
+  if (CLI::detail::lexical_cast(value, level) && IsValidTraceLevel(level)) return {};
+  return "invalid trace level '" + value + "' (expected 0, 300, 500 or 800)";
+}
+
+std::string IntervalError(const std::string& value) {
+  std::uint32_t seconds = 0;
+  if (CLI::detail::lexical_cast(value, seconds) && seconds >= 1 && seconds <= kMaxIntervalSeconds)
+    return {};
+  return "invalid interval '" + value + "' (expected 1 to " + std::to_string(kMaxIntervalSeconds) +
+         " seconds)";
+}
+
+// Options every command takes: where trace lines go and how many.
+void AddTraceOptions(CLI::App& app, CommandLine& out) {
+  app.add_option("--trace-level", out.traceLevel, "0 (off), 300 (errors, default), 500, 800")
+      ->check(Check(TraceLevelError))
+      ->option_text("N");
+  app.add_option("--trace-file", out.traceFile, "trace lines go to FILE instead of stderr")
+      ->check(NonEmpty("--trace-file"))
+      ->option_text("FILE");
+}
+
+// Options of the commands that run a monitor (watch, scan, daemon).
+void AddMonitorOptions(CLI::App& app, CommandLine& out) {
+  app.add_option("--config", out.configFile, "the monitors' configuration (TOML)")
+      ->check(NonEmpty("--config"))
+      ->option_text("FILE");
+  app.add_option("--exclude", out.excludes, "a global exclusion (repeatable)")
+      ->allow_extra_args(false)
+      ->option_text("GLOB");
+  app.add_option_function<std::string>(
+         "--format",
+         [&out](const std::string& value) {
+           out.format = value == "json" ? OutputFormat::kJson : OutputFormat::kText;
+         },
+         "output form (default: text on a terminal, else json)")
+      ->check(Check([](const std::string& value) {
+        return value == "json" || value == "text"
+                   ? std::string()
+                   : "invalid format '" + value + "' (expected json or text)";
+      }))
+      ->option_text("json|text");
+  app.add_option("--output", out.outputFile, "append events to FILE instead of stdout")
+      ->check(NonEmpty("--output"))
+      ->option_text("FILE");
+  app.add_option("PATH", out.paths, "areas to monitor, besides the configured ones");
+}
+
+// Options of the commands that scan (scan, daemon).
+void AddScanOptions(CLI::App& app, CommandLine& out) {
+  app.add_flag_callback(
+      "--hash", [&out] { out.hash = true; }, "record content hashes (default)");
+  app.add_flag_callback(
+      "--no-hash", [&out] { out.hash = false; }, "do not hash content");
+  app.add_flag("--auto-update", out.autoUpdate, "fold each run into the baseline");
+  app.add_flag("--report-atime", out.reportAccessTime, "report access-time changes");
+}
+
+CLI::App* AddCommand(CLI::App& app, CommandLine& out, Command command, const char* name,
+                     const char* description) {
+  CLI::App* sub = app.add_subcommand(name, description);
+  sub->allow_extras();  // reported by ParseCommandLine in the command's own words
+  sub->callback([&out, command] { out.command = command; });
+  AddTraceOptions(*sub, out);
+  return sub;
+}
+
+void BuildApp(CLI::App& app, CommandLine& out) {
+  app.name("arvo-fim");
+  app.allow_extras();
+  app.option_defaults()->disable_flag_override();
+  app.add_option("--module", out.modulePath,
+                 "the module to load (default: $ARVO_FIM_MODULE, then "
+                 "../lib/libintegrity_monitor.so next to the binary, then the library search path)")
+      ->check(NonEmpty("--module"))
+      ->option_text("PATH");
+  AddTraceOptions(app, out);
+  app.add_flag_callback(
+      "--version", [&out] { out.command = Command::kVersion; }, "version and module path");
+  app.footer(
+      "Environment: ARVO_FIM_MODULE, ARVO_FIM_DB (database file), ARVO_FIM_STORAGE (persistent "
+      "storage file).\n'arvo-fim COMMAND --help' describes each command.");
+
+  AddCommand(app, out, Command::kList, "list", "what the module offers")->alias("modules");
+  AddCommand(app, out, Command::kVersion, "version", "version and module path");
+  AddCommand(app, out, Command::kHelp, "help", "this text");
+
+  CLI::App* watch =
+      AddCommand(app, out, Command::kWatch, "watch", "on-access monitoring until SIGINT/SIGTERM");
+  AddMonitorOptions(*watch, out);
+  watch->add_flag("--detections", out.detections, "also print the publisher's detections");
+
+  CLI::App* scan = AddCommand(app, out, Command::kScan, "scan",
+                              "one on-demand run; exit 0 no change, 1 changes found, 2 run "
+                              "failed, 3 interrupted");
+  AddMonitorOptions(*scan, out);
+  AddScanOptions(*scan, out);
+
+  CLI::App* daemon = AddCommand(app, out, Command::kDaemon, "daemon",
+                                "watch, plus a scan at start and every --interval seconds");
+  AddMonitorOptions(*daemon, out);
+  AddScanOptions(*daemon, out);
+  daemon->add_flag("--detections", out.detections, "also print the publisher's detections");
+  daemon->add_option("--interval", out.intervalSeconds, "seconds between scans (default 3600)")
+      ->check(Check(IntervalError))
+      ->option_text("SECONDS");
+}
+
+std::string Quoted(const std::string& arg) { return "'" + arg.substr(0, arg.find('=')) + "'"; }
+
+// Words CLI11 could not place: unknown options, or arguments a command takes none of.
+bool ReportExtras(const CLI::App& app, const CommandLine& out, std::string& error) {
+  for (const CLI::App* sub : app.get_subcommands()) {
+    const std::vector<std::string> extras = sub->remaining();
+    if (extras.empty()) continue;
+    const std::string& arg = extras.front();
+    error = (arg.size() > 1 && arg[0] == '-' ? "unknown option " : "unexpected argument ") +
+            Quoted(arg) + " for '" + sub->get_name() + "'";
+    return false;
   }
-}
-
-std::optional<Command> CommandNamed(std::string_view word) {
-  if (word == "list" || word == "modules") return Command::kList;
-  if (word == "watch") return Command::kWatch;
-  if (word == "scan") return Command::kScan;
-  if (word == "daemon") return Command::kDaemon;
-  if (word == "version") return Command::kVersion;
-  if (word == "help") return Command::kHelp;
-  return std::nullopt;
-}
-
-bool ParseNumber(std::string_view text, std::uint32_t& out) {
-  const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), out);
-  return ec == std::errc() && end == text.data() + text.size() && !text.empty();
-}
-
-bool Apply(std::string_view name, const std::string& value, CommandLine& out, std::string& error) {
-  if (name == "--module") {
-    out.modulePath = value;
-  } else if (name == "--trace-level") {
-    if (!ParseNumber(value, out.traceLevel) || !IsValidTraceLevel(out.traceLevel)) {
-      error = "invalid trace level '" + value + "' (expected 0, 300, 500 or 800)";
-      return false;
-    }
-  } else if (name == "--trace-file") {
-    out.traceFile = value;
-  } else if (name == "--config") {
-    out.configFile = value;
-  } else if (name == "--exclude") {
-    out.excludes.push_back(value);
-  } else if (name == "--format") {
-    if (value == "json") {
-      out.format = OutputFormat::kJson;
-    } else if (value == "text") {
-      out.format = OutputFormat::kText;
-    } else {
-      error = "invalid format '" + value + "' (expected json or text)";
-      return false;
-    }
-  } else if (name == "--output") {
-    out.outputFile = value;
-  } else if (name == "--detections") {
-    out.detections = true;
-  } else if (name == "--hash" || name == "--no-hash") {
-    out.hash = name == "--hash";
-  } else if (name == "--auto-update") {
-    out.autoUpdate = true;
-  } else if (name == "--report-atime") {
-    out.reportAccessTime = true;
-  } else if (name == "--interval") {
-    if (!ParseNumber(value, out.intervalSeconds) || out.intervalSeconds == 0 ||
-        out.intervalSeconds > kMaxIntervalSeconds) {
-      error = "invalid interval '" + value + "' (expected 1 to " +
-              std::to_string(kMaxIntervalSeconds) + " seconds)";
-      return false;
-    }
-  }
-  if ((name == "--module" || name == "--trace-file" || name == "--config" || name == "--output") &&
-      value.empty()) {
-    error = "option " + std::string(name) + " needs a non-empty value";
+  const std::vector<std::string> extras = app.remaining();
+  if (!extras.empty()) {
+    const std::string& arg = extras.front();
+    if (out.command == Command::kVersion)
+      error = "unexpected argument '" + arg + "'";
+    else if (arg.size() > 1 && arg[0] == '-')
+      error = "unknown option " + Quoted(arg);
+    else
+      error = "unknown command '" + arg + "'";
     return false;
   }
   return true;
 }
 
-// Parses the option at argv[i] (advancing i past its value). `where` is the
-// scope the option appears in.
-bool ParseOption(int argc, const char* const* argv, int& i, unsigned where, const char* commandName,
-                 CommandLine& out, std::string& error) {
-  const std::string_view arg = argv[i];
-  const std::size_t eq = arg.find('=');
-  const std::string_view name = arg.substr(0, eq);
-  for (const OptionInfo& option : kOptions) {
-    if (option.name != name) continue;
-    if (!(option.where & where)) break;
-    std::string value;
-    if (option.takesValue) {
-      if (eq != std::string_view::npos) {
-        value = std::string(arg.substr(eq + 1));
-      } else if (i + 1 < argc) {
-        value = argv[++i];
-      } else {
-        error = "option " + std::string(name) + " needs a value";
-        return false;
-      }
-    } else if (eq != std::string_view::npos) {
-      error = "option " + std::string(name) + " takes no value";
-      return false;
-    }
-    return Apply(name, value, out, error);
+// "<option>: <text>" from a validator, "--x: 1 required TEXT missing", "x was
+// given a disallowed flag override": reworded as arvo-fim has always said them.
+// `args` tells an empty "--x=" from a missing value.
+std::string Reword(const CLI::ParseError& e, const std::vector<std::string>& args) {
+  const std::string what = e.what();
+  if (dynamic_cast<const CLI::ValidationError*>(&e)) return what.substr(what.find(": ") + 2);
+  std::string option = what.substr(0, what.find_first_of(": "));
+  if (option.rfind("-", 0) != 0) option = "--" + option;
+  if (what.find("disallowed flag override") != std::string::npos)
+    return "option " + option + " takes no value";
+  if (dynamic_cast<const CLI::ArgumentMismatch*>(&e)) {
+    const bool empty = std::find(args.begin(), args.end(), option + "=") != args.end();
+    return "option " + option + (empty ? " needs a non-empty value" : " needs a value");
   }
-  error = "unknown option '" + std::string(name) + "'";
-  if (commandName) error += std::string(" for '") + commandName + "'";
-  return false;
+  return what;
+}
+
+bool TakesPaths(Command command) {
+  return command == Command::kWatch || command == Command::kScan || command == Command::kDaemon;
 }
 
 }  // namespace
 
 bool ParseCommandLine(int argc, const char* const* argv, CommandLine& out, std::string& error) {
-  int i = 1;
-  for (; i < argc; ++i) {
-    const std::string_view arg = argv[i];
-    if (arg == "--version") {
-      out.command = Command::kVersion;
-      if (i + 1 == argc) return true;
-      error = "unexpected argument '" + std::string(argv[i + 1]) + "'";
-      return false;
-    }
-    if (arg == "--help" || arg == "-h") {
-      out.command = Command::kHelp;
-      return true;
-    }
-    if (arg.size() < 2 || arg[0] != '-') break;
-    if (!ParseOption(argc, argv, i, kGlobal, nullptr, out, error)) return false;
+  // Everything after "--" is a path, whatever it looks like.
+  std::vector<std::string> args(argv + 1, argv + argc);
+  std::vector<std::string> literalPaths;
+  if (const auto dashes = std::find(args.begin(), args.end(), "--"); dashes != args.end()) {
+    literalPaths.assign(dashes + 1, args.end());
+    args.erase(dashes, args.end());
   }
-  if (i == argc) {
+  CLI::App app;
+  out.command = Command::kNone;
+  BuildApp(app, out);
+  try {
+    std::vector<std::string> reversed(args.rbegin(), args.rend());
+    app.parse(reversed);
+  } catch (const CLI::CallForHelp&) {
+    out.command = Command::kHelp;
+    out.helpText = app.help();
+    return true;
+  } catch (const CLI::CallForAllHelp&) {
+    out.command = Command::kHelp;
+    out.helpText = app.help("", CLI::AppFormatMode::All);
+    return true;
+  } catch (const CLI::ParseError& e) {
+    error = Reword(e, args);
+    return false;
+  }
+  if (!ReportExtras(app, out, error)) return false;
+  if (out.command == Command::kNone) {
     error = "no command given";
     return false;
   }
-  const char* commandName = argv[i];
-  const std::optional<Command> command = CommandNamed(commandName);
-  if (!command) {
-    error = std::string("unknown command '") + commandName + "'";
+  if (!literalPaths.empty() && !TakesPaths(out.command)) {
+    error = "unexpected argument '" + literalPaths.front() + "'";
     return false;
   }
-  out.command = *command;
-  const unsigned scope = ScopeOf(*command);
-  bool optionsEnded = false;
-  for (++i; i < argc; ++i) {
-    const std::string_view arg = argv[i];
-    if (!optionsEnded && arg == "--") {
-      optionsEnded = true;
-    } else if (!optionsEnded && arg.size() >= 2 && arg[0] == '-') {
-      if (!ParseOption(argc, argv, i, scope, commandName, out, error)) return false;
-    } else if (scope & kMonitors) {
-      out.paths.emplace_back(arg);
-    } else {
-      error = "unexpected argument '" + std::string(arg) + "' for '" + commandName + "'";
-      return false;
-    }
+  out.paths.insert(out.paths.end(), literalPaths.begin(), literalPaths.end());
+  if (out.command == Command::kHelp) {
+    // "help" describes the program, not the help command.
+    CommandLine unused;
+    CLI::App top;
+    BuildApp(top, unused);
+    out.helpText = top.help();
   }
   return true;
 }
@@ -196,44 +233,6 @@ bool ParseCommandLine(int argc, const char* const* argv, CommandLine& out, std::
 const char* UsageLine() {
   return "usage: arvo-fim [--module PATH] [--trace-level 0|300|500|800] [--trace-file FILE] "
          "{--version | list | watch | scan | daemon} [OPTIONS] [PATH...]";
-}
-
-const char* HelpText() {
-  return R"(arvo-fim: runs the file integrity monitors of libintegrity_monitor.so.
-
-usage: arvo-fim [GLOBAL OPTIONS] COMMAND [OPTIONS] [PATH...]
-
-Global options:
-  --module PATH          the module to load (default: $ARVO_FIM_MODULE, then
-                         ../lib/libintegrity_monitor.so next to the binary,
-                         then the library search path)
-  --trace-level N        0 (off), 300 (errors, default), 500 (warnings), 800 (detail)
-  --trace-file FILE      trace lines go to FILE instead of stderr
-  --version              version and module path
-  --help                 this text
-
-Commands:
-  list (or modules)      what the module offers
-  watch [OPTIONS] [PATH...]
-                         on-access monitoring until SIGINT/SIGTERM
-      --config FILE      monitors' configuration (TOML)
-      --exclude GLOB     global exclusion (repeatable)
-      --format json|text output form (default: text on a terminal, else json)
-      --output FILE      append events to FILE instead of stdout
-      --detections       also print the publisher service's detections
-  scan [OPTIONS] [PATH...]
-                         one on-demand run; exit 0 no change, 1 changes found,
-                         2 run failed, 3 interrupted
-      --config, --exclude, --format, --output as for watch
-      --hash | --no-hash record content hashes or not (default: on, or as configured)
-      --auto-update      fold each run into the baseline
-      --report-atime     report access-time changes
-  daemon [OPTIONS] [PATH...]
-                         watch, plus a scan every --interval SECONDS (default 3600)
-
-Environment: ARVO_FIM_MODULE, ARVO_FIM_DB (database file), ARVO_FIM_STORAGE
-(persistent storage file).
-)";
 }
 
 }  // namespace arvo::host

@@ -1,7 +1,8 @@
-// The command line of arvo-fim:
+// The command line of arvo-fim, parsed with CLI11:
 //   arvo-fim [--module PATH] [--trace-level 0|300|500|800] [--trace-file FILE] COMMAND ...
-// Options take their value as the next argument or after "=". "--" ends the
-// options of a command; later arguments are paths.
+// Options take their value as the next argument or after "="; the trace
+// options may also follow the command. "--" ends the options of a command;
+// later arguments are paths. "--help" after any command describes it.
 #pragma once
 
 #include <cstdint>
@@ -13,10 +14,11 @@
 
 namespace arvo::host {
 
-enum class Command { kHelp, kVersion, kList, kWatch, kScan, kDaemon };
+enum class Command { kNone, kHelp, kVersion, kList, kWatch, kScan, kDaemon };
 
 struct CommandLine {
   Command command = Command::kHelp;
+  std::string helpText;  // kHelp: the help of the command asked about
   // Global.
   std::string modulePath;
   std::uint32_t traceLevel = 300;  // 0 = off
@@ -41,7 +43,5 @@ bool ParseCommandLine(int argc, const char* const* argv, CommandLine& out, std::
 
 // One line: "usage: arvo-fim ...".
 const char* UsageLine();
-// The full help text.
-const char* HelpText();
 
 }  // namespace arvo::host

@@ -85,5 +85,25 @@ TEST(CliTest, BadUsageIsExplained) {
   }
 }
 
+TEST(CliTest, HelpDescribesTheProgramAndEachCommand) {
+  CommandLine line;
+  std::string error;
+  for (const auto& args : {std::vector<const char*>{"--help"}, {"help"}, {"-h"}}) {
+    ASSERT_TRUE(Parse(args, line, error)) << error;
+    EXPECT_EQ(line.command, Command::kHelp);
+    EXPECT_NE(line.helpText.find("Usage: arvo-fim [OPTIONS] [SUBCOMMAND]"), std::string::npos)
+        << line.helpText;
+  }
+  for (const char* command : {"list", "watch", "scan", "daemon"}) {
+    ASSERT_TRUE(Parse({command, "--help"}, line, error)) << error;
+    EXPECT_EQ(line.command, Command::kHelp);
+    EXPECT_NE(line.helpText.find(std::string("Usage: arvo-fim ") + command), std::string::npos)
+        << line.helpText;
+  }
+  ASSERT_TRUE(Parse({"scan", "--help"}, line, error));
+  for (const char* option : {"--config", "--no-hash", "--auto-update", "--report-atime"})
+    EXPECT_NE(line.helpText.find(option), std::string::npos) << option;
+}
+
 }  // namespace
 }  // namespace arvo::host

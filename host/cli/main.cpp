@@ -20,7 +20,7 @@ int main(int argc, char** argv) {
   }
   switch (line.command) {
     case Command::kHelp:
-      std::fputs(HelpText(), stdout);
+      std::fputs(line.helpText.c_str(), stdout);
       return kExitOk;
     case Command::kVersion:
       return RunVersionCommand(line);
@@ -32,6 +32,8 @@ int main(int argc, char** argv) {
       return RunScanCommand(line);
     case Command::kDaemon:
       return RunDaemonCommand(line);
+    case Command::kNone:
+      break;
   }
   return kExitFailure;
 }
