@@ -119,6 +119,14 @@ units_verify() {
   done
 }
 
+# A dry run of the rotation on a scratch copy of the log directory.
+logrotate_dry_run() {
+  local dir="$work/logrotate"
+  rm -rf "$dir" && mkdir -p "$dir/log" && echo '{}' > "$dir/log/events.jsonl"
+  sed "s|/var/log/arvo-fim|$dir/log|" "$work/x/etc/logrotate.d/arvo-fim" > "$dir/conf"
+  logrotate -d -f -s "$dir/state" "$dir/conf" 2>&1 | tee /dev/stderr | grep -q 'running postrotate script'
+}
+
 man_pages_render() {
   local page
   for page in "$work"/x/usr/share/man/man*/*; do
@@ -133,6 +141,8 @@ dev_package_builds_a_host() {
   local pc=(env PKG_CONFIG_SYSROOT_DIR="$work/x" PKG_CONFIG_LIBDIR="$work/x/usr/lib/$triplet/pkgconfig")
   local module
   module=$("${pc[@]}" pkg-config --variable=module arvo-fim) || return 1
+  # pkgconf puts the sysroot before path variables; pkg-config did not.
+  [[ $module == "$work/x/"* ]] || module="$work/x$module"
   cat > "$work/host.cpp" <<'EOF'
 #include <dlfcn.h>
 #include <cstdio>
@@ -146,7 +156,7 @@ int main(int, char** argv) {
 EOF
   # shellcheck disable=SC2046
   g++ -std=c++20 $("${pc[@]}" pkg-config --cflags arvo-fim) "$work/host.cpp" -o "$work/host" -ldl &&
-    "$work/host" "$work/x$module"
+    "$work/host" "$module"
 }
 
 mkdir -p "$work/log"
@@ -159,8 +169,10 @@ check file-list file_list_matches
 check unpack unpack_native
 check scan-default-policy scan_with_default_policy
 check units units_verify
+check logrotate logrotate_dry_run
 check man-pages man_pages_render
 check dev-package-host dev_package_builds_a_host
 grep -h '^[WE]:' "$work"/log/lintian-*.log | sort -u
+grep -h 'exposure level' "$work/log/units.log"
 echo "${pass} passed, ${fail} failed"
 [ "$fail" -eq 0 ]
