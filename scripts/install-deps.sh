@@ -13,7 +13,7 @@ native=(
   libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev libsystemd-dev
   sqlite3 acl inotify-tools clang-format python3 ccache
   clang libfuzzer-14-dev
-  debhelper lintian systemd
+  debhelper lintian systemd scdoc file man-db logrotate
 )
 cross=(
   g++-aarch64-linux-gnu qemu-user

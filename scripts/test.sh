@@ -6,19 +6,37 @@
 #   aarch64  unit and module tests, cross-built for arm64 with ASan+UBSan, run under qemu
 #   fuzz     the libFuzzer targets of fuzz/ (clang, ASan+UBSan), each for a bounded time
 #            (ARVO_FUZZ_SECONDS, default 30) over its seed corpus
-# Usage: scripts/test.sh [LEG...]   (default: all five; ARVO_TEST_LEGS also works)
+#   package  the Debian packages, amd64 and arm64 cross, and their checks
+#            (scripts/package-check.sh)
+# Usage: scripts/test.sh [LEG...]   (default: all six; ARVO_TEST_LEGS also works)
 # Prints "N passed, N failed" over all legs last; exits non-zero on any failure.
 set -uo pipefail
 here=$(cd "$(dirname "$0")/.." && pwd)
 legs=("$@")
-[ ${#legs[@]} -gt 0 ] || read -r -a legs <<< "${ARVO_TEST_LEGS:-native asan tsan aarch64 fuzz}"
+[ ${#legs[@]} -gt 0 ] || read -r -a legs <<< "${ARVO_TEST_LEGS:-native asan tsan aarch64 fuzz package}"
 jobs=$(nproc)
 total_pass=0
 total_fail=0
 failed_legs=()
 
+# The package leg counts its own checks: "N passed, N failed" last.
+run_package_leg() {
+  echo "=== leg package ==="
+  bash "$here/scripts/package-check.sh" "$here/build-test/package" 2>&1 | tee "$here/build-test/package.log"
+  local rc=${PIPESTATUS[0]} counts
+  counts=$(grep -E '^[0-9]+ passed, [0-9]+ failed$' "$here/build-test/package.log" | tail -1)
+  if [ -n "$counts" ]; then
+    local passed=${counts%% *} failed=${counts#*, }
+    total_pass=$((total_pass + passed))
+    total_fail=$((total_fail + ${failed%% *}))
+  fi
+  return "$rc"
+}
+
 run_leg() {
-  local leg=$1 dir="$here/build-test/$1" label="" cmake_args=(-DARVO_BUILD_BENCH=OFF) targets=()
+  local leg=$1
+  [ "$leg" = package ] && { run_package_leg; return; }
+  local dir="$here/build-test/$1" label="" cmake_args=(-DARVO_BUILD_BENCH=OFF) targets=()
   # A compiler cache, where installed, makes a rerun on the same machine cheap.
   if command -v ccache > /dev/null; then
     cmake_args+=(-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)

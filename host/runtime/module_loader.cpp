@@ -14,6 +14,11 @@ namespace {
 
 constexpr char kModuleName[] = "libintegrity_monitor.so";
 
+#ifndef ARVO_FIM_MODULE_DIR_FROM_BIN
+#define ARVO_FIM_MODULE_DIR_FROM_BIN "../lib/arvo-fim"
+#endif
+constexpr const char* kModuleDirsFromBinary[] = {ARVO_FIM_MODULE_DIR_FROM_BIN, "../lib"};
+
 std::string ExecutableDirectory() {
   std::string buffer(4096, '\0');
   const ssize_t n = ::readlink("/proc/self/exe", buffer.data(), buffer.size());
@@ -35,13 +40,22 @@ std::string DlErrorText() {
 
 }  // namespace
 
+std::string FindModuleBeside(const std::string& binaryDirectory) {
+  for (const char* relative : kModuleDirsFromBinary) {
+    std::string candidate =
+        std::filesystem::path(binaryDirectory + "/" + relative + "/" + kModuleName)
+            .lexically_normal()
+            .string();
+    if (FileExists(candidate)) return candidate;
+  }
+  return {};
+}
+
 std::string ResolveModulePath(const std::string& explicitPath) {
   if (!explicitPath.empty()) return explicitPath;
   if (const char* env = std::getenv("ARVO_FIM_MODULE"); env && *env) return env;
   if (const std::string dir = ExecutableDirectory(); !dir.empty()) {
-    std::string besideUs =
-        std::filesystem::path(dir + "/../lib/" + kModuleName).lexically_normal().string();
-    if (FileExists(besideUs)) return besideUs;
+    if (std::string besideUs = FindModuleBeside(dir); !besideUs.empty()) return besideUs;
   }
   return kModuleName;
 }

@@ -8,11 +8,19 @@
 namespace arvo::host {
 
 // Where the module is looked for, first match wins: `explicitPath` (from
-// --module) when non-empty; $ARVO_FIM_MODULE when set and non-empty;
-// <directory of /proc/self/exe>/../lib/libintegrity_monitor.so when that file
-// exists; else the bare name, which dlopen resolves through the normal
-// library search path.
+// --module) when non-empty; $ARVO_FIM_MODULE when set and non-empty; the
+// module beside the binary (FindModuleBeside of the directory of
+// /proc/self/exe); else the bare name, which dlopen resolves through the
+// normal library search path.
 std::string ResolveModulePath(const std::string& explicitPath);
+
+// The first existing of, relative to `binaryDirectory`: the package's
+// private library directory as installed (ARVO_FIM_MODULE_DIR_FROM_BIN, set
+// by the build from the install directories, e.g.
+// "../lib/x86_64-linux-gnu/arvo-fim"), then the build tree's "../lib".
+// Relative, so an installed tree moved elsewhere (an unpacked package) still
+// finds its own module. Empty when neither exists.
+std::string FindModuleBeside(const std::string& binaryDirectory);
 
 // An opened module. Move-only; the entry points are valid while it lives.
 // Not thread-safe itself; the entry points may be called from any thread.

@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <string>
+
+#include "host/util/test_temp_dir.h"
 
 namespace arvo::host {
 namespace {
@@ -23,6 +26,27 @@ TEST(ModuleLoaderTest, LibraryWithoutTheEntryPointsIsRefused) {
   EXPECT_FALSE(module.Load("libm.so.6", error));
   EXPECT_FALSE(module.Loaded());
   EXPECT_NE(error.find("ornGetObjectFactory"), std::string::npos) << error;
+}
+
+// The installed layout puts the module in the package's private directory,
+// the build tree in ../lib; an installed tree wins over a stray build-tree
+// copy, and both are found relative to wherever the tree was unpacked.
+TEST(ModuleLoaderTest, ModuleBesideTheBinaryPrefersThePrivateDirectory) {
+  test::TempDir tree;
+  const std::string bin = tree / "bin";
+  const std::string installedDir = bin + "/" + ARVO_FIM_MODULE_DIR_FROM_BIN;
+  std::filesystem::create_directories(bin);
+  EXPECT_EQ(FindModuleBeside(bin), "");
+
+  std::filesystem::create_directories(tree / "lib");
+  tree.Write("lib/libintegrity_monitor.so", "");
+  EXPECT_EQ(FindModuleBeside(bin), tree / "lib/libintegrity_monitor.so");
+
+  std::filesystem::create_directories(installedDir);
+  const std::string installed =
+      std::filesystem::path(installedDir + "/libintegrity_monitor.so").lexically_normal().string();
+  std::ofstream(installed).put('\n');
+  EXPECT_EQ(FindModuleBeside(bin), installed);
 }
 
 }  // namespace
