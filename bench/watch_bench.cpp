@@ -1,5 +1,6 @@
-// Compares change watching by the host's inotify provider (in process),
-// `arvo-fim watch` and `inotifywait -m -r`, in one run on one tree:
+// Compares change watching by the host's providers (inotify and fanotify, in
+// process), `arvo-fim watch` on each backend and `inotifywait -m -r`, in one
+// run on one tree:
 //   - setup: time until the watches of a tree of ~20,000 directories are set
 //     (process start to readiness line for the programs);
 //   - latency: from a write to the event being seen (line read from the
@@ -38,8 +39,9 @@
 #include <thread>
 #include <vector>
 
-#include "host/inotify_provider.h"
-#include "host/scoped_fd.h"
+#include "host/util/scoped_fd.h"
+#include "host/watch/fanotify_provider.h"
+#include "host/watch/inotify_provider.h"
 #include "orn/simple_object.h"
 
 extern char** environ;
@@ -117,16 +119,53 @@ class ForwardingReceiver final : public orn::SimpleObject<pax::IInotifyEventsRec
   EventSink& m_sink;
 };
 
+using ProviderFactory = orn::result_t (*)(orn::RefPtr<pax::IInotifyEventsProvider>&);
+
+orn::result_t MakeInotify(orn::RefPtr<pax::IInotifyEventsProvider>& out) {
+  return arvo::host::CreateInotifyProvider(nullptr, out);
+}
+
+orn::result_t MakeFanotify(orn::RefPtr<pax::IInotifyEventsProvider>& out) {
+  std::string why;
+  const orn::result_t r = arvo::host::CreateFanotifyProvider(nullptr, out, why);
+  if (ORN_FAILED(r)) std::printf("fanotify provider: %s\n", why.c_str());
+  return r;
+}
+
+// Kernel watch objects this process holds: inotify watches and fanotify
+// marks, as /proc/self/fdinfo lists them.
+std::pair<int, int> KernelWatches() {
+  int inotify = 0, fanotify = 0;
+  std::error_code ec;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fdinfo", ec)) {
+    FILE* f = std::fopen(entry.path().c_str(), "r");
+    if (!f) continue;
+    char line[512];
+    while (std::fgets(line, sizeof line, f)) {
+      if (std::strncmp(line, "inotify wd:", 11) == 0) ++inotify;
+      if (std::strncmp(line, "fanotify ", 9) == 0 && std::strstr(line, "mflags:")) ++fanotify;
+    }
+    std::fclose(f);
+  }
+  return {inotify, fanotify};
+}
+
+// The host's provider in this process: no process start, no output.
 class ProviderSubject final : public Subject {
  public:
-  std::string Name() const override { return "provider"; }
+  ProviderSubject(std::string name, ProviderFactory factory)
+      : m_name(std::move(name)), m_factory(factory) {}
+  std::string Name() const override { return m_name; }
   std::optional<double> Start(const std::string& root) override {
     const Clock::time_point begin = Clock::now();
     m_receiver = orn::MakeSimple<ForwardingReceiver>(sink);
-    if (ORN_FAILED(arvo::host::CreateInotifyProvider(nullptr, m_provider)) ||
+    if (ORN_FAILED(m_factory(m_provider)) ||
         ORN_FAILED(m_provider->Subscribe(m_receiver.Get(), root, 0x3C6)))
       return std::nullopt;
-    return Seconds(Clock::now() - begin);
+    const double seconds = Seconds(Clock::now() - begin);
+    const auto [inotify, fanotify] = KernelWatches();
+    watches = inotify + fanotify;
+    return seconds;
   }
   void Stop() override {
     if (m_provider) (void)m_provider->Unsubscribe(m_receiver.Get());
@@ -134,7 +173,11 @@ class ProviderSubject final : public Subject {
     m_receiver.Reset();
   }
 
+  int watches = 0;  // kernel watches or marks held once subscribed
+
  private:
+  std::string m_name;
+  ProviderFactory m_factory;
   orn::RefPtr<pax::IInotifyEventsProvider> m_provider;
   orn::RefPtr<ForwardingReceiver> m_receiver;
 };
@@ -480,11 +523,15 @@ int main(int argc, char** argv) {
   std::printf("watch_bench: %d directories under %s\n", made + 2, root.c_str());
 
   std::vector<std::unique_ptr<Subject>> subjects;
-  subjects.push_back(std::make_unique<ProviderSubject>());
+  subjects.push_back(std::make_unique<ProviderSubject>("provider/inotify", MakeInotify));
+  subjects.push_back(std::make_unique<ProviderSubject>("provider/fanotify", MakeFanotify));
   if (::access(o.arvoFim.c_str(), X_OK) == 0) {
-    subjects.push_back(std::make_unique<ProcessSubject>(
-        "arvo-fim", std::vector<std::string>{o.arvoFim, "watch", "--format", "json"},
-        "arvo-fim: watching"));
+    for (const char* backend : {"inotify", "fanotify"}) {
+      subjects.push_back(std::make_unique<ProcessSubject>(
+          std::string("arvo-fim/") + backend,
+          std::vector<std::string>{o.arvoFim, "watch", "--backend", backend, "--format", "json"},
+          "arvo-fim: watching"));
+    }
   } else {
     std::printf("arvo-fim not found at '%s': skipped\n", o.arvoFim.c_str());
   }
@@ -515,6 +562,11 @@ int main(int argc, char** argv) {
     rows.emplace_back(subjects[i]->Name(), Measure(*subjects[i], root, o, *setups[i]));
   }
   Report(rows);
+  for (const auto& subject : subjects) {
+    if (const auto* provider = dynamic_cast<const ProviderSubject*>(subject.get()))
+      std::printf("%s: %d kernel watch(es) or mark(s) for the tree\n", provider->Name().c_str(),
+                  provider->watches);
+  }
   std::fflush(stdout);
   std::error_code ec;
   std::filesystem::remove_all(root, ec);

@@ -12,6 +12,8 @@
 #include <string_view>
 #include <utility>
 
+#include "pax_common/beneath.h"
+
 namespace pax::tools {
 
 namespace {
@@ -78,6 +80,8 @@ orn::result_t LStat(const NativePath& path, struct stat& st) noexcept {
 
 namespace {
 
+constexpr unsigned kStatxMask = STATX_BASIC_STATS | STATX_BTIME | STATX_MNT_ID;
+
 void FromStatx(const struct statx& sx, ObjectStatus& status) {
   struct stat& st = status.st;
   st = {};
@@ -112,8 +116,8 @@ orn::result_t LStatX(const NativePath& path, ObjectStatus& status) noexcept {
     std::string tail;
     if (const orn::result_t r = WalkToTail(path, dir, tail); ORN_FAILED(r)) return r;
     struct statx sx {};
-    if (::statx(dir.Get(), tail.c_str(), AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT,
-                STATX_BASIC_STATS | STATX_BTIME | STATX_MNT_ID, &sx) == 0) {
+    if (::statx(dir.Get(), tail.c_str(), AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT, kStatxMask, &sx) ==
+        0) {
       FromStatx(sx, status);
       return orn::errors::kOk;
     }
@@ -125,6 +129,17 @@ orn::result_t LStatX(const NativePath& path, ObjectStatus& status) noexcept {
   } catch (const std::bad_alloc&) {
     return orn::errors::kOutOfMemory;
   }
+}
+
+int LStatXBeneath(int dirFd, std::string_view relative, ObjectStatus& status) noexcept {
+  struct statx sx {};
+  if (LStatxBeneath(dirFd, relative, kStatxMask, sx) == 0) {
+    FromStatx(sx, status);
+    return 0;
+  }
+  if (errno != ENOSYS) return -1;
+  status = ObjectStatus{};
+  return LStatBeneath(dirFd, relative, status.st);
 }
 
 int LStatFile(const NativePath& path, struct stat* st) noexcept {

@@ -16,6 +16,7 @@
 #include <time.h>
 
 #include <cstdint>
+#include <string_view>
 
 #include "orn/result.h"
 #include "orn/types.h"
@@ -43,6 +44,10 @@ struct ObjectStatus {
 // file system give them; a kernel without statx falls back to fstatat and
 // reports neither). Automounts are not triggered, as with lstat.
 orn::result_t LStatX(const NativePath& path, ObjectStatus& status) noexcept;
+
+// The same for `relative` beneath `dirFd`, resolved as LStatBeneath does
+// (pax_common/beneath.h): 0, or -1 with errno set.
+int LStatXBeneath(int dirFd, std::string_view relative, ObjectStatus& status) noexcept;
 
 // The same as a C-style call: 0 on success, -1 with errno set on failure
 // (ENOMEM, ENOENT for a piece without '/', or the failing call's errno).

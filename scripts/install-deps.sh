@@ -10,14 +10,17 @@ APT=(${SUDO} env DEBIAN_FRONTEND=noninteractive apt-get -o DPkg::Lock::Timeout=6
 native=(
   cmake ninja-build g++ pkgconf
   libboost-dev libsqlite3-dev libssl-dev libtomlplusplus-dev
-  libgtest-dev libgmock-dev libbenchmark-dev
-  sqlite3 acl inotify-tools clang-format python3
+  libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev libsystemd-dev
+  sqlite3 acl inotify-tools clang-format python3 ccache
+  clang libfuzzer-14-dev
+  debhelper lintian systemd scdoc file man-db logrotate
 )
 cross=(
   g++-aarch64-linux-gnu qemu-user
   libc6-dev:arm64 libstdc++-12-dev:arm64 pkgconf:arm64
   libboost-dev:arm64 libsqlite3-dev:arm64 libssl-dev:arm64
   libtomlplusplus-dev:arm64 libgtest-dev:arm64 libgmock-dev:arm64
+  libsystemd-dev:arm64 crossbuild-essential-arm64
 )
 
 want=("${native[@]}")

@@ -197,12 +197,20 @@ orn::result_t RecordingStopSink::OnTaskStopped(
     const app_core::task_manager::task::TaskStopInfo& info) {
   std::lock_guard lock(m_mutex);
   m_reports.push_back(info);
+  m_changed.notify_all();
   return orn::errors::kOk;
 }
 
 std::vector<app_core::task_manager::task::TaskStopInfo> RecordingStopSink::Reports() const {
   std::lock_guard lock(m_mutex);
   return m_reports;
+}
+
+app_core::task_manager::task::TaskStopInfo RecordingStopSink::WaitForCount(
+    std::size_t count) const {
+  std::unique_lock lock(m_mutex);
+  m_changed.wait(lock, [&] { return m_reports.size() >= count; });
+  return m_reports.back();
 }
 
 orn::result_t RecordingDetectReceiver::OnDetectEvent(const pax::DetectEvent& event) {

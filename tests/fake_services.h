@@ -144,9 +144,12 @@ class RecordingStopSink final
  public:
   orn::result_t OnTaskStopped(const app_core::task_manager::task::TaskStopInfo& info) override;
   std::vector<app_core::task_manager::task::TaskStopInfo> Reports() const;
+  // Blocks until at least `count` reports have arrived; returns the last.
+  app_core::task_manager::task::TaskStopInfo WaitForCount(std::size_t count) const;
 
  private:
   mutable std::mutex m_mutex;
+  mutable std::condition_variable m_changed;
   std::vector<app_core::task_manager::task::TaskStopInfo> m_reports;
 };
 

@@ -61,4 +61,25 @@ class IFileFactory : public IObject {
   ~IFileFactory() = default;
 };
 
+// Interface id chosen by this project. Thread-safe. Offered by the object
+// that offers IFileFactory (found with QueryInterface on it) when the host
+// can open files beneath a directory; a host without it still serves
+// IFileFactory alone.
+class IFileFactoryAt : public IObject {
+ public:
+  ORN_INTERFACE_ID(0x52C4E0B8);
+  // Opens `relativePath` beneath the open directory `directoryFd` as
+  // CreateFile opens a path, except that no component of it is resolved
+  // through a symbolic link (the ELOOP result) and it cannot leave the
+  // directory (absolute, or ".." past it: the EXDEV result). The caller keeps
+  // `directoryFd` open for the call; the stream does not need it afterwards.
+  virtual result_t CreateFileAt(int directoryFd, const char16_t* relativePath,
+                                std::uint32_t accessMask, std::uint32_t shareMode,
+                                std::uint32_t disposition, std::uint32_t flagsAndAttributes,
+                                IIO** io) = 0;
+
+ protected:
+  ~IFileFactoryAt() = default;
+};
+
 }  // namespace orn

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 
+#include "area_resolver.h"
 #include "directory_walker.h"
 #include "failure_actions.h"
 #include "framework/check.h"
@@ -189,6 +190,10 @@ result_t AreaSnapshotBuilder::WalkDirectory(const AreaRun& run, SnapshotBuilder&
                        "enumerator.Open(native, strategy)", "Cannot open '" << native << "'");
       ORN_FAILED(r))
     return r;
+  // Below the root, objects are taken beneath the directories the walk
+  // holds, never through a symbolic link.
+  const AreaResolver resolver(enumerator);
+  const ScopedResolver resolving(m_context, resolver);
 
   result_t result = orn::errors::kOk;
   DirectoryWalker::Entry currentObject;

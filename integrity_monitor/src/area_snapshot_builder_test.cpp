@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "pax/enumerations.h"
+#include "snapshot_test_support.h"
 #include "tests/fake_host.h"
 #include "tests/fake_services.h"
 #include "tests/temp_tree.h"
@@ -347,6 +348,65 @@ TEST_F(AreaSnapshotBuilderTest, ABindMountKeepsBothPathsOfEachObject) {
   EXPECT_EQ(paths.count(dir / "area/version|"), 0u);
   EXPECT_EQ(paths.count(dir / "area/a|"), 1u);
 }
+
+std::string ToHex(const Sha256Digest& digest) {
+  static const char kDigits[] = "0123456789abcdef";
+  std::string hex;
+  for (const std::uint8_t b : digest) hex += {kDigits[b >> 4], kDigits[b & 15]};
+  return hex;
+}
+
+// A directory swapped for a link to a tree of the same names while the walk
+// reads it: with a host that opens beneath a directory the walk records the
+// directory it holds; with one that opens by path only, the area fails as if
+// the object vanished. Either way nothing of the outside tree is recorded.
+class SwappedDirectoryTest : public AreaSnapshotBuilderTest,
+                             public ::testing::WithParamInterface<bool> {};
+
+TEST_P(SwappedDirectoryTest, NothingOfTheLinkedTreeIsRecorded) {
+  const bool opensBeneath = GetParam();
+  auto files = orn::MakeSimple<test::FakeFileFactory>();
+  auto sha = orn::MakeSimple<test::FakeSha256>();
+  context.fileFactory = files.Get();
+  context.fileFactoryAt = opensBeneath ? files.Get() : nullptr;
+  context.sha256Provider = sha.Get();
+  current.computeContentHash = true;
+  arvo::test::MakeDir(dir / "outside");
+  std::string insideInodes, outsideInodes, outsideHashes;
+  for (int i = 0; i < 20; ++i) {
+    const std::string name = "/s" + std::to_string(i);
+    arvo::test::WriteFile(dir / ("area/sub" + name), "inside " + std::to_string(i));
+    const std::string outside = "OUTSIDE " + std::to_string(i);
+    arvo::test::WriteFile(dir / ("outside" + name), outside);
+    struct stat in {
+    }, out{};
+    ASSERT_EQ(lstat((dir / ("area/sub" + name)).c_str(), &in), 0);
+    ASSERT_EQ(lstat((dir / ("outside" + name)).c_str(), &out), 0);
+    Sha256Digest digest{};
+    ASSERT_EQ(sha->GetHashByBuffer(outside.data(), outside.size(), digest), 0);
+    const char* comma = i ? "," : "";
+    insideInodes += comma + std::to_string(in.st_ino);
+    outsideInodes += comma + std::to_string(out.st_ino);
+    outsideHashes += std::string(comma) + "x'" + ToHex(digest) + "'";
+  }
+  matcher->SetHook([&](const NativePath& path) {
+    if (path.rfind(dir / "area/sub/", 0) != 0) return;
+    matcher->SetHook(nullptr);
+    ASSERT_EQ(rename((dir / "area/sub").c_str(), (dir / "area/sub.away").c_str()), 0);
+    ASSERT_EQ(symlink((dir / "outside").c_str(), (dir / "area/sub").c_str()), 0);
+  });
+
+  EXPECT_EQ(Build(), opensBeneath ? orn::errors::kFalse : orn::ResultFromErrno(ENOENT));
+  EXPECT_EQ(Count("SELECT count(*) FROM Baseline WHERE ino IN (" + outsideInodes + ")"), 0);
+  EXPECT_EQ(Count("SELECT count(*) FROM Baseline WHERE sha256 IN (" + outsideHashes + ")"), 0);
+  EXPECT_EQ(Count("SELECT count(*) FROM Baseline WHERE ino IN (" + insideInodes + ")"),
+            opensBeneath ? 20 : 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(HostOpens, SwappedDirectoryTest, ::testing::Bool(),
+                         [](const ::testing::TestParamInfo<bool>& info) {
+                           return info.param ? "Beneath" : "ByPathOnly";
+                         });
 
 }  // namespace
 }  // namespace pax::fim

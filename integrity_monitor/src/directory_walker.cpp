@@ -10,6 +10,7 @@
 #include <string_view>
 #include <utility>
 
+#include "pax_common/beneath.h"
 #include "pax_common/tools_03.h"
 
 namespace pax::fim {
@@ -100,7 +101,46 @@ result_t DirectoryWalker::Open(const NativePath& root, Mount mount) {
     close(fd);
     return orn::ResultFromErrno(err);
   }
+  m_rootFd = openat(fd, ".", O_PATH | O_DIRECTORY | O_CLOEXEC);
+  if (m_rootFd < 0) return orn::ResultFromErrno(errno);
+  m_root = root;
   return Push(root, mount, std::move(dir));
+}
+
+const NativePath& DirectoryWalker::Directory() const {
+  return m_stack.empty() ? m_root : m_stack.back().path;
+}
+
+int DirectoryWalker::DirectoryFd() const {
+  return m_stack.empty() || !m_stack.back().dir ? -1 : dirfd(m_stack.back().dir.get());
+}
+
+bool RelativeBelow(const NativePath& directory, const NativePath& path,
+                   std::string_view& relative) {
+  if (path.size() <= directory.size() || path.compare(0, directory.size(), directory) != 0)
+    return false;
+  std::size_t start = directory.size();
+  if (directory.empty() || directory.back() != '/') {
+    if (path[start] != '/') return false;
+    ++start;
+  }
+  relative = std::string_view(path).substr(start);
+  return !relative.empty();
+}
+
+bool DirectoryWalker::BelowRoot(const NativePath& path, std::string_view& relative) const {
+  return m_rootFd >= 0 && RelativeBelow(m_root, path, relative);
+}
+
+int DirectoryWalker::OpenBelowRoot(const NativePath& path) const {
+  std::string_view relative;
+  if (!BelowRoot(path, relative)) {
+    errno = EXDEV;
+    return -1;
+  }
+  const int fd = tools::OpenBeneath(m_rootFd, relative, kDirFlags);
+  if (fd >= 0 || errno != EPERM) return fd;
+  return tools::OpenBeneath(m_rootFd, relative, kDirFlags & ~O_NOATIME);
 }
 
 result_t DirectoryWalker::Push(NativePath path, Mount mount, std::unique_ptr<DIR, DirCloser> dir) {
@@ -161,9 +201,10 @@ bool DirectoryWalker::ResolveIsDirectory(const Level& level, const std::string& 
                                          unsigned char type, const NativePath& path) const {
   if (type != DT_UNKNOWN) return type == DT_DIR;
   struct stat st {};
-  const bool ok = level.dir
-                      ? fstatat(dirfd(level.dir.get()), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0
-                      : ORN_SUCCEEDED(tools::LStat(path, st));
+  std::string_view relative;
+  const bool ok =
+      level.dir ? fstatat(dirfd(level.dir.get()), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0
+                : BelowRoot(path, relative) && tools::LStatBeneath(m_rootFd, relative, st) == 0;
   return ok && S_ISDIR(st.st_mode);
 }
 
@@ -177,12 +218,12 @@ result_t DirectoryWalker::Enter(const Entry& entry, Mount mount) {
     fd = OpenAtNoAtime(dirfd(top.dir.get()), name, kDirFlags);
     if (fd < 0 && (errno == EMFILE || errno == ENFILE)) {
       // Out of descriptors despite the bound (someone else holds many):
-      // give up this level's stream and open by path.
+      // give up this level's stream and open beneath the root.
       Spill(top);
-      fd = OpenDirectoryPath(entry.path);
+      fd = OpenBelowRoot(entry.path);
     }
   } else {
-    fd = OpenDirectoryPath(entry.path);
+    fd = OpenBelowRoot(entry.path);
   }
   if (fd < 0) return orn::ResultFromErrno(errno);
   std::unique_ptr<DIR, DirCloser> dir(fdopendir(fd));
@@ -215,6 +256,9 @@ void DirectoryWalker::Spill(Level& level) {
 void DirectoryWalker::Close() noexcept {
   m_stack.clear();
   m_openStreams = 0;
+  if (m_rootFd >= 0) close(m_rootFd);
+  m_rootFd = -1;
+  m_root.clear();
 }
 
 }  // namespace pax::fim

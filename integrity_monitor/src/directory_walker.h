@@ -6,15 +6,17 @@
 // enter (Enter pushes the entry just returned). Entries are never followed
 // through symbolic links: a sub-directory is opened relative to its parent's
 // stream with O_NOFOLLOW, so a directory swapped for a link between reading
-// and opening fails to open instead of leading elsewhere.
+// and opening fails to open instead of leading elsewhere. The walker also
+// holds the root directory (reached through links, if its path has any) so
+// that whatever is resolved below it is resolved beneath that descriptor,
+// never through a link (pax_common/beneath.h).
 //
 // Deep trees: the number of open streams is bounded (by default a quarter of
 // the process's file-descriptor limit, at most 256). When entering a
 // directory would pass the bound, the stream below the new one is read to
 // its end into memory and closed; its remaining entries are then handed out
-// from memory, and directories among them are opened by path (in pieces past
-// 4095 bytes). Memory thus grows with depth times the width of the spilled
-// levels, never with the size of the tree, and no depth exhausts the
+// from memory, and directories among them are opened beneath the root. Memory thus grows with depth
+// times the width of the spilled levels, never with the size of the tree, and no depth exhausts the
 // descriptors.
 //
 // Directories are opened with O_NOATIME where the kernel allows it (the
@@ -35,6 +37,7 @@
 #include <deque>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "orn/result.h"
@@ -47,6 +50,10 @@ struct DirectoryMount {
   bool known = false;
   std::uint64_t id = 0;
 };
+
+// True when `path` lies below `directory`; `relative` is then the rest of it
+// after the directory and its '/' (never empty).
+bool RelativeBelow(const NativePath& directory, const NativePath& path, std::string_view& relative);
 
 class DirectoryWalker {
  public:
@@ -87,6 +94,17 @@ class DirectoryWalker {
   // Closes every stream and empties the stack.
   void Close() noexcept;
 
+  // The directory whose entry the last Next returned, and its descriptor;
+  // -1 when that directory's stream was spilled (or nothing is open).
+  const NativePath& Directory() const;
+  int DirectoryFd() const;
+  // The root as opened, and a descriptor of it (-1 when nothing is open).
+  const NativePath& Root() const { return m_root; }
+  int RootFd() const { return m_rootFd; }
+  // True when `path` lies below the root; `relative` is then the rest of
+  // it after the root and its '/'.
+  bool BelowRoot(const NativePath& path, std::string_view& relative) const;
+
   std::size_t Depth() const { return m_stack.size(); }
   std::size_t OpenStreams() const { return m_openStreams; }
   std::size_t MaxOpenStreams() const { return m_maxOpenStreams; }
@@ -117,10 +135,14 @@ class DirectoryWalker {
   void Spill(Level& level);
   bool ResolveIsDirectory(const Level& level, const std::string& name, unsigned char type,
                           const NativePath& path) const;
+  // A directory below the root, opened beneath the root's descriptor.
+  int OpenBelowRoot(const NativePath& path) const;
 
   std::size_t m_maxOpenStreams;
   std::size_t m_openStreams = 0;
   std::deque<Level> m_stack;  // grows at the back; the back is being read
+  NativePath m_root;
+  int m_rootFd = -1;  // O_PATH, owned
   NativePath m_failedDirectory;
 };
 

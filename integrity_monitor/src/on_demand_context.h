@@ -22,6 +22,8 @@ namespace pax::fim {
 
 inline constexpr const char kOdfimPrefix[] = "odfim\t";
 
+class AreaResolver;
+
 struct OnDemandContext {
   orn::ITracer* tracer = nullptr;
   sqlite3* db = nullptr;                              // owned by the task
@@ -31,10 +33,14 @@ struct OnDemandContext {
   IIntegrityMonitorPublisher* integrityMonitorPublisher = nullptr;
   filesystem_services::ISha256HashProvider* sha256Provider = nullptr;
   orn::IFileFactory* fileFactory = nullptr;
+  orn::IFileFactoryAt* fileFactoryAt = nullptr;  // the same object's, when offered
   IPathMatcher* matcher = nullptr;
   // Set per area while its snapshot is written as the baseline rather than
   // as the current snapshot.
   bool buildingBaseline = false;
+  // Where a walk's objects are resolved while it runs (area_resolver.h);
+  // null outside a walk: paths are then resolved as given.
+  const AreaResolver* resolver = nullptr;
   // Set by Stop (from another thread) to end a walk early.
   const std::atomic<std::uint8_t>* stopFlag = nullptr;
 };

@@ -92,6 +92,10 @@ result_t OnDemandIntegrityMonitorTask::FinalConstruct() {
   m_context.integrityMonitorPublisher = m_integrityMonitorPublisher.Get();
   m_context.sha256Provider = m_sha256Provider.Get();
   m_context.fileFactory = m_fileFactory.Get();
+  // Optional: a host without it has files opened by path, checked against
+  // what the walk found (area_resolver.h).
+  if (ORN_SUCCEEDED(orn::QueryInterface(m_fileFactory.Get(), m_fileFactoryAt)))
+    m_context.fileFactoryAt = m_fileFactoryAt.Get();
 
   std::lock_guard lock(m_mutex);
   return ORN_CHECK(GetTracer(), CreateMatcher(), "Cannot create path matcher");
@@ -175,11 +179,13 @@ result_t OnDemandIntegrityMonitorTask::Stop() {
         << kOdfimPrefix << "Task is not started, session id: " << m_sessionId.load();
     return orn::errors::kInvalidState;
   }
-  // Raised before the lock: a running walk sees it and ends early, which
-  // is what lets the lock be taken soon.
+  // A running walk sees the flag and ends early. The run is joined before
+  // the task lock is taken: a run that has not taken the lock yet (Stop
+  // right after Start) would otherwise wait for it behind this join. While
+  // the state is Started, Start leaves m_thread alone.
   m_stopFlag = 1;
-  std::lock_guard lock(m_mutex);
   m_thread.Join();
+  std::lock_guard lock(m_mutex);
   m_state = kStopped;
   m_stopEvents = nullptr;
   return orn::errors::kOk;

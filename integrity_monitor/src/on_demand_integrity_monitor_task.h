@@ -117,6 +117,7 @@ class OnDemandIntegrityMonitorTask : public app_core::task_manager::task::ITask,
   orn::RefPtr<IIntegrityMonitorPublisher> m_integrityMonitorPublisher;
   orn::RefPtr<filesystem_services::ISha256HashProvider> m_sha256Provider;
   orn::RefPtr<orn::IFileFactory> m_fileFactory;
+  orn::RefPtr<orn::IFileFactoryAt> m_fileFactoryAt;  // null when the host lacks it
   orn::RefPtr<orn::IPersistentStorage> m_storage;
   orn::RefPtr<orn::IStorageSerializer2> m_serializer2;
   orn::RefPtr<IPathMatcher> m_matcher;

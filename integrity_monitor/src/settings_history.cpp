@@ -5,6 +5,7 @@
 
 #include "framework/check.h"
 #include "framework/exceptions.h"
+#include "framework/object.h"
 #include "framework/trace.h"
 #include "orn/ref_ptr.h"
 #include "orn/serialization.h"
@@ -15,6 +16,33 @@ namespace pax::fim {
 
 using settings::ODFIMSettings;
 using settings::ScanArea;
+
+namespace {
+
+// A node that keeps its value in memory. The settings are serialized into
+// one before the storage is touched, so that a serializer that fails leaves
+// the stored settings as they were.
+class StagingNode : public orn::IStorageNode, private orn::NonCopyable {
+ public:
+  using Interfaces = orn::Ifaces<orn::IStorageNode>;
+  result_t GetName(orn::types::string8_t& name) const override {
+    name = PrevSettingsNodeName;
+    return orn::errors::kOk;
+  }
+  result_t GetValue(orn::types::blob_t& value) const override {
+    value = m_value;
+    return orn::errors::kOk;
+  }
+  result_t SetValue(const orn::types::blob_t& value) override {
+    m_value = value;
+    return orn::errors::kOk;
+  }
+
+ private:
+  orn::types::blob_t m_value;
+};
+
+}  // namespace
 
 SettingsHistory::SettingsHistory(OnDemandContext& context, IntegrityDatabase& db,
                                  orn::IPersistentStorage* storage,
@@ -86,24 +114,37 @@ bool SettingsHistory::NeedForceRebuildBaseline(const ScanArea& area,
 
 result_t SettingsHistory::SaveSettingsToStorage() {
   ORN_TRACE(Tracer(), orn::kTraceLevelDetail) << kOdfimPrefix << __PRETTY_FUNCTION__;
+  const orn::Any any = orn::Any::Make(Current());
+  if (!ORN_CHECK_BOOL(Tracer(), any.IsValid(), "Cannot make any struct from ODFIMSettings struct"))
+    return orn::errors::kUnexpected;
+  orn::RefPtr<orn::IStorageNode> staging;
+  if (const result_t r =
+          orn::CreateObject<StagingNode, orn::IStorageNode>(nullptr, Tracer(), staging);
+      ORN_FAILED(r))
+    return r;
+  if (const result_t r = ORN_CHECK_AS(
+          Tracer(), m_serializer2->Serialize(any.ToAnyDescrPtr(), staging.Get(), 0, nullptr),
+          "m_serializer2->Serialize(any.ToAnyDescrPtr(), node, 0, nullptr)",
+          "Cannot serialize ODFIMSettings struct");
+      ORN_FAILED(r))
+    return r;
+  orn::types::blob_t value;
+  (void)staging->GetValue(value);
+
   while (ORN_SUCCEEDED(m_storage->RemoveNode(PrevSettingsNodeName))) {
   }
-
   orn::RefPtr<orn::IStorageNode> node;
   if (const result_t r = ORN_CHECK_AS(
           Tracer(), m_storage->AppendNode(PrevSettingsNodeName, node.Ref()),
           "m_storage->AppendNode(PrevSettingsNodeName, node)", "Failed to add new node");
       ORN_FAILED(r))
     return r;
-
-  const orn::Any any = orn::Any::Make(Current());
-  if (!ORN_CHECK_BOOL(Tracer(), any.IsValid(), "Cannot make any struct from ODFIMSettings struct"))
-    return orn::errors::kUnexpected;
-
-  return ORN_CHECK_AS(Tracer(),
-                      m_serializer2->Serialize(any.ToAnyDescrPtr(), node.Get(), 0, nullptr),
-                      "m_serializer2->Serialize(any.ToAnyDescrPtr(), node, 0, nullptr)",
-                      "Cannot serialize ODFIMSettings struct");
+  const result_t r = ORN_CHECK_AS(Tracer(), node->SetValue(value), "node->SetValue(value)",
+                                  "Cannot store ODFIMSettings struct");
+  // An empty node would fail every later run; without one the next run
+  // takes its own settings as the previous ones.
+  if (ORN_FAILED(r)) (void)m_storage->RemoveNode(PrevSettingsNodeName);
+  return r;
 }
 
 result_t SettingsHistory::Collect(core::TaskId taskId, const ODFIMSettings& prevSettings) {

@@ -48,7 +48,9 @@ class SettingsHistory {
                                 const settings::ODFIMSettings& previous) const;
 
   // Replaces every "PreviousSettings" node by one holding the current
-  // settings.
+  // settings. A serializer that fails leaves the nodes as they were; a
+  // storage write that fails after the old nodes went leaves none (never an
+  // empty one, which would fail every later run).
   [[nodiscard]] result_t SaveSettingsToStorage();
 
   // Deletes the scan scopes of `taskId` whose areas were in `previous` but

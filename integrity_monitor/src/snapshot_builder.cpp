@@ -8,6 +8,7 @@
 
 #include <boost/format.hpp>
 
+#include "area_resolver.h"
 #include "framework/check.h"
 #include "framework/trace.h"
 #include "orn/file.h"
@@ -115,14 +116,13 @@ result_t SnapshotBuilder::Capture(const NativePath& path, std::uint64_t scanScop
   orn::ITracer* const tracer = m_context.tracer;
   // statx rather than lstat: the same status, with the birth time (which
   // tells a reused inode number from the object the baseline saw) and the
-  // mount id (which tells where two paths may reach one object).
+  // mount id (which tells where two paths may reach one object). Beneath the
+  // walk's directory, as every access to the object (area_resolver.h).
+  const AreaResolver& resolver = ResolverOf(m_context);
   tools::ObjectStatus status;
-  const result_t statResult = tools::LStatX(path, status);
-  // The failing call's errno, as LStatFile reports it.
-  int statErr = errno;
-  if (statResult == orn::errors::kOutOfMemory) statErr = ENOMEM;
-  if (const int err = orn::ErrnoFromResult(statResult); err != 0) statErr = err;
-  if (!ORN_CHECK_BOOL_AS(tracer, ORN_SUCCEEDED(statResult), "tools::LStatFile(path, &st) != -1",
+  const bool statOk = resolver.LStatX(path, status) != -1;
+  const int statErr = errno;
+  if (!ORN_CHECK_BOOL_AS(tracer, statOk, "tools::LStatFile(path, &st) != -1",
                          "Cannot stat for '" << path << "': " << ErrnoText(statErr)))
     return orn::errors::kUnspecified;
   const struct stat& st = status.st;
@@ -143,10 +143,9 @@ result_t SnapshotBuilder::Capture(const NativePath& path, std::uint64_t scanScop
                                 status.mountId == facts->directoryMount &&
                                 (st.st_mode & S_IFMT) != S_IFLNK;
     if (!facts->fileSystemTested && !sameFileSystem) {
-      bool pseudo = false;
       // A failing statfs (a dangling link, an object removed meanwhile) is
       // not a pseudo file system.
-      if (ORN_SUCCEEDED(tools::IsPseudoFileSystem(path, pseudo)) && pseudo) {
+      if (resolver.OnPseudoFileSystem(path)) {
         facts->pseudo = true;
         return orn::errors::kFalse;
       }
@@ -188,16 +187,10 @@ result_t SnapshotBuilder::Capture(const NativePath& path, std::uint64_t scanScop
 result_t SnapshotBuilder::GetFileHash(const NativePath& path, tools::ObjectStatus& status,
                                       Sha256Digest& hash) {
   orn::ITracer* const tracer = m_context.tracer;
-  const orn::types::string16_t wPath = orn::text::NarrowToWide(path);
-  const std::uint32_t accessMask = orn::file::kAccessRead;
-  const std::uint32_t shareMode = orn::file::kShareRead;
-  const std::uint32_t disposition = orn::file::kOpenExisting;
-  const std::uint32_t flagsAndAttributes = 0;
   orn::RefPtr<orn::IIO> io;
+  // Read access, shared, an existing file; beneath the walk's directory.
   if (const result_t r = ORN_CHECK_AS(
-          tracer,
-          m_context.fileFactory->CreateFile(wPath.c_str(), accessMask, shareMode, disposition,
-                                            flagsAndAttributes, io.Ref()),
+          tracer, ResolverOf(m_context).OpenFile(m_context, path, io.Ref()),
           "m_fileFactory->CreateFile(wPath.c_str(), accessMask, shareMode, disposition, "
           "flagsAndAttributes, io.Ref())",
           "Cannot open file '" << path << "'");
@@ -219,7 +212,7 @@ result_t SnapshotBuilder::GetFileHash(const NativePath& path, tools::ObjectStatu
   };
   if (!opened(status.st)) {
     tools::ObjectStatus again;
-    const bool restated = ORN_SUCCEEDED(tools::LStatX(path, again));
+    const bool restated = ResolverOf(m_context).LStatX(path, again) == 0;
     if (!ORN_CHECK_BOOL_AS(tracer, restated && opened(again.st),
                            "tools::LStatFile(path, &st) != -1",
                            "Cannot stat for '" << path << "': replaced again while being read"))
@@ -239,7 +232,8 @@ result_t SnapshotBuilder::GetFileHash(const NativePath& path, tools::ObjectStatu
 result_t SnapshotBuilder::GetAcl(const NativePath& path, orn::types::blob_t& acl) const {
   orn::ITracer* const tracer = m_context.tracer;
   ORN_TRACE(tracer, orn::kTraceLevelDetail) << kOdfimPrefix << __PRETTY_FUNCTION__;
-  const ssize_t size = pax::tools::LGetXattr(path, kAclAttribute, nullptr, 0);
+  const AreaResolver& resolver = ResolverOf(m_context);
+  const ssize_t size = resolver.LGetXattr(path, kAclAttribute, nullptr, 0);
   if (size == -1) {
     const int err = errno;
     // No ACL, no ACL support, or one too large to be an access ACL: all
@@ -250,7 +244,7 @@ result_t SnapshotBuilder::GetAcl(const NativePath& path, orn::types::blob_t& acl
     return orn::errors::kUnspecified;
   }
   acl.resize(static_cast<std::size_t>(size));
-  const ssize_t buflen = pax::tools::LGetXattr(path, kAclAttribute, acl.data(), acl.size());
+  const ssize_t buflen = resolver.LGetXattr(path, kAclAttribute, acl.data(), acl.size());
   const int err = errno;
   if (!ORN_CHECK_BOOL(tracer, buflen != -1, "Cannot get acl attributes: " << ErrnoText(err)))
     return orn::errors::kUnspecified;

@@ -24,6 +24,7 @@
 #include "orn/file.h"
 #include "orn/simple_object.h"
 #include "orn/text.h"
+#include "pax_common/beneath.h"
 #include "tests/fake_host.h"
 #include "tests/fake_services.h"
 
@@ -73,12 +74,22 @@ class FakeIO final : public orn::SimpleObject<orn::IIO> {
   std::uint64_t m_inoDelta;
 };
 
-// Opens real files; SimulateReplacement makes every opened file report
-// another inode, as if it had been replaced after its status was taken (and
-// again whenever the status is taken anew). `beforeOpen`, when set, runs
-// with the path just before each open.
-class FakeFileFactory final : public orn::SimpleObject<orn::IFileFactory> {
+// Opens real files, by path or beneath a directory (IFileFactoryAt);
+// SimulateReplacement makes every opened file report another inode, as if it
+// had been replaced after its status was taken (and again whenever the
+// status is taken anew). `beforeOpen`, when set, runs with the path just
+// before each open by path.
+class FakeFileFactory final : public orn::SimpleObject<orn::IFileFactory, orn::IFileFactoryAt> {
  public:
+  orn::result_t CreateFileAt(int directoryFd, const char16_t* relativePath, std::uint32_t,
+                             std::uint32_t, std::uint32_t, std::uint32_t, orn::IIO** io) override {
+    const std::string narrow = orn::text::WideToNarrow(relativePath);
+    const int fd = pax::tools::OpenBeneath(directoryFd, narrow, O_RDONLY | O_NONBLOCK);
+    if (fd < 0) return orn::ResultFromErrno(errno);
+    *io = new FakeIO(fd, m_inoDelta);
+    ++m_opens;
+    return 0;
+  }
   orn::result_t CreateFile(const char16_t* path, std::uint32_t, std::uint32_t, std::uint32_t,
                            std::uint32_t, orn::IIO** io) override {
     const std::string narrow = orn::text::WideToNarrow(path);

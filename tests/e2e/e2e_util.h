@@ -13,6 +13,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <functional>
@@ -34,6 +35,15 @@ using Clock = std::chrono::steady_clock;
 inline constexpr std::chrono::seconds kDeadline{30};
 
 // A temporary directory removed with its contents.
+// "--backend NAME" when the run asks for a watch backend (ctest runs the
+// watch tests once per backend through ARVO_E2E_WATCH_BACKEND), else nothing:
+// arvo-fim then chooses.
+inline std::vector<std::string> WatchBackendArgs() {
+  const char* backend = std::getenv("ARVO_E2E_WATCH_BACKEND");
+  if (!backend || !*backend) return {};
+  return {"--backend", backend};
+}
+
 class TempTree {
  public:
   TempTree() {
@@ -98,8 +108,11 @@ enum class Stream { kOut, kErr };
 // arvo-fim as a child process. The destructor kills a child still running.
 class Process {
  public:
+  // `launcher` (may be empty) is a command that runs arvo-fim: it is given
+  // the binary and `args` after its own arguments.
   explicit Process(const std::vector<std::string>& args,
-                   const std::map<std::string, std::string>& env = {}) {
+                   const std::map<std::string, std::string>& env = {},
+                   const std::vector<std::string>& launcher = {}) {
     int out[2], err[2];
     if (::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0) {
       ADD_FAILURE() << "pipe: " << std::strerror(errno);
@@ -109,7 +122,8 @@ class Process {
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
     posix_spawn_file_actions_adddup2(&actions, err[1], STDERR_FILENO);
-    std::vector<std::string> argv = {ARVO_FIM_BIN};
+    std::vector<std::string> argv = launcher;
+    argv.push_back(ARVO_FIM_BIN);
     argv.insert(argv.end(), args.begin(), args.end());
     std::vector<char*> cargv;
     for (auto& a : argv) cargv.push_back(a.data());
@@ -119,7 +133,7 @@ class Process {
     for (auto& e : envText) cenv.push_back(e.data());
     cenv.push_back(nullptr);
     const int rc =
-        ::posix_spawn(&m_pid, ARVO_FIM_BIN, &actions, nullptr, cargv.data(), cenv.data());
+        ::posix_spawn(&m_pid, argv[0].c_str(), &actions, nullptr, cargv.data(), cenv.data());
     posix_spawn_file_actions_destroy(&actions);
     ::close(out[1]);
     ::close(err[1]);
@@ -179,8 +193,25 @@ class Process {
     return true;
   }
 
+  pid_t Pid() const { return m_pid; }
+
+  // Makes the pipe of `stream` as small as the kernel allows (one page), so
+  // that the child blocks on output the test has not read yet: what the
+  // test has read then tells how far the child got. Best effort.
+  void ShrinkPipe(Stream stream) {
+    const int fd = m_fds[stream == Stream::kOut ? 0 : 1];
+    if (fd >= 0) (void)::fcntl(fd, F_SETPIPE_SZ, 4096);
+  }
+
   void Signal(int sig) {
     if (m_pid > 0) ::kill(m_pid, sig);
+  }
+
+  // Stops the child (SIGSTOP) and waits until it has stopped.
+  bool Stop() {
+    Signal(SIGSTOP);
+    int status = 0;
+    return m_pid > 0 && ::waitpid(m_pid, &status, WUNTRACED) == m_pid && WIFSTOPPED(status);
   }
 
   // Drains both streams to their end and reaps the child; its exit code, or

@@ -24,6 +24,15 @@ struct JsonValue {
   std::vector<JsonValue> items;
   std::vector<std::pair<std::string, JsonValue>> members;
 
+  // Declared here and defaulted below the class: clang instantiates the
+  // members' destructor where the class is still incomplete otherwise.
+  JsonValue() = default;
+  JsonValue(const JsonValue&);
+  JsonValue(JsonValue&&) noexcept;
+  JsonValue& operator=(const JsonValue&);
+  JsonValue& operator=(JsonValue&&) noexcept;
+  ~JsonValue();
+
   // Member `key` of an object, or null when absent.
   const JsonValue* Find(std::string_view key) const {
     for (const auto& [k, v] : members)
@@ -40,6 +49,12 @@ struct JsonValue {
   // The string as bytes (lossless inverse of the output's escaping).
   std::string Bytes() const { return orn::text::WideToNarrow(text); }
 };
+
+inline JsonValue::JsonValue(const JsonValue&) = default;
+inline JsonValue::JsonValue(JsonValue&&) noexcept = default;
+inline JsonValue& JsonValue::operator=(const JsonValue&) = default;
+inline JsonValue& JsonValue::operator=(JsonValue&&) noexcept = default;
+inline JsonValue::~JsonValue() = default;
 
 class JsonReader {
  public:
@@ -128,10 +143,14 @@ class JsonReader {
 
   // Raw runs are checked to be valid UTF-8: NarrowToWide maps an invalid
   // byte to U+DC80..U+DCFF, which valid UTF-8 never yields.
+  // Raw text must be valid UTF-8: a byte that is not decodes to a lone
+  // U+DC80..U+DCFF. The same units as the low half of a pair are characters.
   bool FlushRaw(std::string& raw, std::u16string& out) {
     const std::u16string wide = orn::text::NarrowToWide(raw);
-    for (const char16_t u : wide)
-      if (u >= 0xDC80 && u <= 0xDCFF) return false;
+    for (std::size_t i = 0; i < wide.size(); ++i)
+      if (wide[i] >= 0xDC80 && wide[i] <= 0xDCFF &&
+          (i == 0 || wide[i - 1] < 0xD800 || wide[i - 1] > 0xDBFF))
+        return false;
     out += wide;
     raw.clear();
     return true;

@@ -185,8 +185,10 @@ TEST_F(ScanTest, SignalInterruptsARunningScan) {
 }
 
 TEST_F(ScanTest, FailedRunExitsTwo) {
-  // The database path is a directory: the task cannot be created.
-  const auto env = std::map<std::string, std::string>{{"ARVO_FIM_DB", m_tree.Path()},
+  // The database path is a directory: the task cannot be created. (Inside
+  // the tree, so that the run lock beside it goes with the tree.)
+  ASSERT_EQ(::mkdir((m_tree / "db").c_str(), 0700), 0);
+  const auto env = std::map<std::string, std::string>{{"ARVO_FIM_DB", m_tree / "db"},
                                                       {"ARVO_FIM_STORAGE", m_tree / "st/s"}};
   const RunResult run = RunFim({"scan", m_area}, env);
   EXPECT_EQ(run.exitCode, 2) << run.stderrText;

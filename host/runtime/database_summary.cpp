@@ -1,0 +1,57 @@
+#include "host/runtime/database_summary.h"
+
+#include <sqlite3.h>
+
+#include <memory>
+
+namespace arvo::host {
+namespace {
+
+constexpr int kBusyWaitMs = 2000;  // a daemon's commit holds the lock briefly
+
+struct CloseDatabase {
+  void operator()(sqlite3* db) const { ::sqlite3_close_v2(db); }
+};
+struct FinalizeStatement {
+  void operator()(sqlite3_stmt* statement) const { ::sqlite3_finalize(statement); }
+};
+
+constexpr char kQuery[] =
+    "SELECT s.taskid, s.path, (SELECT count(*) FROM Baseline b WHERE b.scanscopeid = s.id) "
+    "FROM ScanScopes s ORDER BY s.id";
+
+}  // namespace
+
+bool ReadDatabaseSummary(const std::string& file, std::vector<ScopeSummary>& out,
+                         std::string& error) {
+  sqlite3* raw = nullptr;
+  const int opened = ::sqlite3_open_v2(file.c_str(), &raw, SQLITE_OPEN_READONLY, nullptr);
+  const std::unique_ptr<sqlite3, CloseDatabase> db(raw);
+  if (opened != SQLITE_OK) {
+    error = "cannot open the database '" + file +
+            "' read-only: " + (db ? ::sqlite3_errmsg(db.get()) : ::sqlite3_errstr(opened));
+    return false;
+  }
+  ::sqlite3_busy_timeout(db.get(), kBusyWaitMs);
+  sqlite3_stmt* rawStatement = nullptr;
+  int rc = ::sqlite3_prepare_v2(db.get(), kQuery, -1, &rawStatement, nullptr);
+  const std::unique_ptr<sqlite3_stmt, FinalizeStatement> statement(rawStatement);
+  out.clear();
+  while (rc == SQLITE_OK || rc == SQLITE_ROW) {
+    rc = ::sqlite3_step(statement.get());
+    if (rc != SQLITE_ROW) break;
+    ScopeSummary scope;
+    scope.taskId = static_cast<std::uint64_t>(::sqlite3_column_int64(statement.get(), 0));
+    const auto* path = ::sqlite3_column_blob(statement.get(), 1);
+    if (path)
+      scope.path.assign(static_cast<const char*>(path),
+                        static_cast<std::size_t>(::sqlite3_column_bytes(statement.get(), 1)));
+    scope.baselineRows = static_cast<std::uint64_t>(::sqlite3_column_int64(statement.get(), 2));
+    out.push_back(std::move(scope));
+  }
+  if (rc == SQLITE_DONE) return true;
+  error = "cannot read the database '" + file + "': " + ::sqlite3_errmsg(db.get());
+  return false;
+}
+
+}  // namespace arvo::host

@@ -1,0 +1,53 @@
+#include "host/util/process_origin.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "host/util/scoped_fd.h"
+
+namespace arvo::host {
+namespace {
+
+TEST(ProcessOriginTest, ALiveProcessIsReadWhole) {
+  const ProcessOrigin self = ReadProcessOrigin(::getpid(), -1);
+  EXPECT_FALSE(self.exited);
+  EXPECT_EQ(self.parentPid, ::getppid());
+  EXPECT_EQ(self.uid, ::getuid());
+  EXPECT_FALSE(self.executable.empty());
+  EXPECT_FALSE(self.command.empty());
+}
+
+TEST(ProcessOriginTest, AReapedProcessIsReportedAsExitedNeverAsAnother) {
+  const pid_t child = ::fork();
+  if (child == 0) ::_exit(0);
+  ASSERT_GT(child, 0);
+  const ScopedFd pidfd(static_cast<int>(::syscall(SYS_pidfd_open, child, 0)));
+  ASSERT_TRUE(pidfd.Valid());
+  ASSERT_EQ(::waitpid(child, nullptr, 0), child);
+  // Whatever process holds that pid now, the pidfd says ours is gone.
+  const ProcessOrigin gone = ReadProcessOrigin(child, pidfd.Get());
+  EXPECT_TRUE(gone.exited);
+  EXPECT_EQ(gone.pid, child);
+  EXPECT_TRUE(gone.executable.empty());
+  EXPECT_FALSE(gone.uid.has_value());
+}
+
+TEST(ProcessOriginTest, TheOriginIsCurrentOnlyInsideItsScope) {
+  EXPECT_EQ(CurrentProcessOrigin(), nullptr);
+  ProcessOrigin outer, inner;
+  {
+    const ScopedProcessOrigin a(&outer);
+    {
+      const ScopedProcessOrigin b(&inner);
+      EXPECT_EQ(CurrentProcessOrigin(), &inner);
+    }
+    EXPECT_EQ(CurrentProcessOrigin(), &outer);
+  }
+  EXPECT_EQ(CurrentProcessOrigin(), nullptr);
+}
+
+}  // namespace
+}  // namespace arvo::host
