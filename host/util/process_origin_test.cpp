@@ -25,7 +25,10 @@ TEST(ProcessOriginTest, AReapedProcessIsReportedAsExitedNeverAsAnother) {
   if (child == 0) ::_exit(0);
   ASSERT_GT(child, 0);
   const ScopedFd pidfd(static_cast<int>(::syscall(SYS_pidfd_open, child, 0)));
-  ASSERT_TRUE(pidfd.Valid());
+  if (!pidfd.Valid()) {
+    ::waitpid(child, nullptr, 0);
+    GTEST_SKIP() << "no pidfd_open here (kernel before 5.3, or an emulator without it)";
+  }
   ASSERT_EQ(::waitpid(child, nullptr, 0), child);
   // Whatever process holds that pid now, the pidfd says ours is gone.
   const ProcessOrigin gone = ReadProcessOrigin(child, pidfd.Get());

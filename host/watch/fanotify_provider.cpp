@@ -27,13 +27,11 @@
 #include "host/watch/fanotify_record.h"
 #include "host/watch/fanotify_resolver.h"
 #include "host/watch/fanotify_scope.h"
+#include "host/watch/provider_object.h"
 #include "orn/simple_object.h"
 
 namespace arvo::host {
 namespace {
-
-constexpr std::uint32_t kSubscribableMask =
-    IN_MODIFY | IN_ATTRIB | IN_MOVED_FROM | IN_MOVED_TO | IN_CREATE | IN_DELETE;
 
 // What every mark asks for; subscription masks filter at delivery.
 constexpr std::uint64_t kMarkMask =
@@ -273,54 +271,6 @@ void FanotifyCore::RequestStop() {
   (void)WriteAll(m_wake.Get(), &one, sizeof one);
 }
 
-class FanotifyProvider final : public orn::SimpleObject<pax::IInotifyEventsProvider> {
- public:
-  explicit FanotifyProvider(std::shared_ptr<FanotifyCore> core) : m_core(std::move(core)) {}
-
-  orn::result_t Subscribe(pax::IInotifyEventsReceiver* receiver,
-                          const orn::types::string8_t& directory, std::uint32_t mask) override {
-    if (!ORN_CHECK_BOOL(m_core->Tracer(),
-                        receiver && !directory.empty() && (mask & kSubscribableMask) != 0,
-                        "fanotify\tSubscribe needs a receiver, a directory and a mask"))
-      return orn::errors::kInvalidArgument;
-    if (const orn::result_t r = StartDelivery(); ORN_FAILED(r)) return r;
-    return m_core->Subscribe(receiver, directory, mask);
-  }
-
-  orn::result_t Unsubscribe(pax::IInotifyEventsReceiver* receiver) override {
-    if (!ORN_CHECK_BOOL(m_core->Tracer(), receiver, "fanotify\tUnsubscribe needs a receiver"))
-      return orn::errors::kInvalidArgument;
-    return m_core->Unsubscribe(receiver);
-  }
-
- private:
-  ~FanotifyProvider() override {
-    if (!m_thread.joinable()) return;
-    m_core->RequestStop();
-    if (m_thread.get_id() == std::this_thread::get_id()) {
-      m_thread.detach();  // released from inside OnEvent: the thread ends by itself
-    } else {
-      m_thread.join();
-    }
-  }
-
-  orn::result_t StartDelivery() {
-    std::lock_guard lock(m_startMutex);
-    if (m_thread.joinable()) return orn::errors::kOk;
-    try {
-      m_thread = std::thread([core = m_core] { core->Run(); });
-    } catch (const std::system_error& e) {
-      return ORN_CHECK_AS(m_core->Tracer(), orn::ResultFromErrno(e.code().value()),
-                          "std::thread(Run)", "fanotify\tCannot start the delivery thread");
-    }
-    return orn::errors::kOk;
-  }
-
-  const std::shared_ptr<FanotifyCore> m_core;
-  std::mutex m_startMutex;
-  std::thread m_thread;  // guarded by m_startMutex until the destructor
-};
-
 // The richest instance the kernel grants: rename records whole and process
 // descriptors (5.17, 5.15), then without process descriptors, then moves in
 // halves (5.9).
@@ -366,7 +316,7 @@ orn::result_t CreateFanotifyProvider(orn::ITracer* tracer,
   try {
     auto core = std::make_shared<FanotifyCore>(tracer, std::move(fanotify), std::move(wake),
                                                markMask, std::move(observer));
-    out = orn::MakeSimple<FanotifyProvider>(std::move(core));
+    out = orn::MakeSimple<ProviderObject<FanotifyCore>>(std::move(core), "fanotify");
   } catch (...) {
     why = "out of memory";
     return orn::ExceptionToResult(tracer, "fanotify\tCannot create the provider: ");

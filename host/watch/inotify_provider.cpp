@@ -27,13 +27,11 @@
 #include "host/watch/inotify_event_reader.h"
 #include "host/watch/inotify_limits.h"
 #include "host/watch/inotify_watch_tree.h"
+#include "host/watch/provider_object.h"
 #include "orn/simple_object.h"
 
 namespace arvo::host {
 namespace {
-
-constexpr std::uint32_t kSubscribableMask =
-    IN_MODIFY | IN_ATTRIB | IN_MOVED_FROM | IN_MOVED_TO | IN_CREATE | IN_DELETE;
 
 // State shared by the provider object and its delivery thread. The thread
 // keeps the core alive by itself, so a provider released on the delivery
@@ -227,54 +225,6 @@ void DeliveryCore::RequestStop() {
   (void)WriteAll(m_wake.Get(), &one, sizeof one);
 }
 
-class InotifyProvider final : public orn::SimpleObject<pax::IInotifyEventsProvider> {
- public:
-  explicit InotifyProvider(std::shared_ptr<DeliveryCore> core) : m_core(std::move(core)) {}
-
-  orn::result_t Subscribe(pax::IInotifyEventsReceiver* receiver,
-                          const orn::types::string8_t& directory, std::uint32_t mask) override {
-    if (!ORN_CHECK_BOOL(m_core->Tracer(),
-                        receiver && !directory.empty() && (mask & kSubscribableMask) != 0,
-                        "inotify\tSubscribe needs a receiver, a directory and a mask"))
-      return orn::errors::kInvalidArgument;
-    if (const orn::result_t r = StartDelivery(); ORN_FAILED(r)) return r;
-    return m_core->Subscribe(receiver, directory, mask);
-  }
-
-  orn::result_t Unsubscribe(pax::IInotifyEventsReceiver* receiver) override {
-    if (!ORN_CHECK_BOOL(m_core->Tracer(), receiver, "inotify\tUnsubscribe needs a receiver"))
-      return orn::errors::kInvalidArgument;
-    return m_core->Unsubscribe(receiver);
-  }
-
- private:
-  ~InotifyProvider() override {
-    if (!m_thread.joinable()) return;
-    m_core->RequestStop();
-    if (m_thread.get_id() == std::this_thread::get_id()) {
-      m_thread.detach();  // released from inside OnEvent: the thread ends by itself
-    } else {
-      m_thread.join();
-    }
-  }
-
-  orn::result_t StartDelivery() {
-    std::lock_guard lock(m_startMutex);
-    if (m_thread.joinable()) return orn::errors::kOk;
-    try {
-      m_thread = std::thread([core = m_core] { core->Run(); });
-    } catch (const std::system_error& e) {
-      return ORN_CHECK_AS(m_core->Tracer(), orn::ResultFromErrno(e.code().value()),
-                          "std::thread(Run)", "inotify\tCannot start the delivery thread");
-    }
-    return orn::errors::kOk;
-  }
-
-  const std::shared_ptr<DeliveryCore> m_core;
-  std::mutex m_startMutex;
-  std::thread m_thread;  // guarded by m_startMutex until the destructor
-};
-
 }  // namespace
 
 orn::result_t CreateInotifyProvider(orn::ITracer* tracer,
@@ -300,7 +250,7 @@ orn::result_t CreateInotifyProvider(orn::ITracer* tracer,
     auto core = std::make_shared<DeliveryCore>(tracer, std::move(inotify), std::move(wake),
                                                std::move(observer));
     if (coverage) *coverage = core;
-    out = orn::MakeSimple<InotifyProvider>(std::move(core));
+    out = orn::MakeSimple<ProviderObject<DeliveryCore>>(std::move(core), "inotify");
   } catch (...) {
     return orn::ExceptionToResult(tracer, "inotify\tCannot create the provider: ");
   }
