@@ -33,7 +33,7 @@ build() {  # build ARCH: dpkg-buildpackage in its own copy of the tree.
   local launcher=""
   command -v ccache > /dev/null &&
     launcher="-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache"
-  (cd "$src" && DEB_BUILD_OPTIONS=nocheck ARVO_DEB_CMAKE_ARGS="$launcher" \
+  (cd "$src" && DEB_BUILD_OPTIONS="nocheck parallel=$(nproc)" ARVO_DEB_CMAKE_ARGS="$launcher" \
      dpkg-buildpackage "${args[@]}")
 }
 
@@ -104,13 +104,17 @@ scan_with_default_policy() {
 }
 
 # systemd-analyze checks that the programs a unit runs exist: point them at
-# the unpacked program. Prints each unit's exposure level.
+# the unpacked program. Prints each unit's exposure level, and that of the
+# service with the inotify-only drop-in of the documentation applied.
 units_verify() {
   local units="$work/units" unit
   rm -rf "$units" && mkdir -p "$units"
   for unit in "$work"/x/lib/systemd/system/*; do
     sed "s|/usr/sbin/arvo-fim|$work/x/usr/sbin/arvo-fim|" "$unit" > "$units/${unit##*/}"
   done
+  { sed '/^\[Install\]/,$d' "$units/arvo-fim.service"
+    sed '1,/^\[Service\]/d' "$work"/x/usr/share/doc/arvo-fim/examples/arvo-fim-inotify.conf
+  } > "$units/arvo-fim-inotify-only.service"
   systemd-analyze verify --man=no "$units"/* || return 1
   for unit in "$units"/*.service; do
     systemd-analyze security --offline=true "$unit" | tail -1

@@ -26,8 +26,12 @@ int RunCheckConfigCommand(const CheckConfigOptions& options) {
   MonitorConfig config;
   std::string error;
   if (!LoadConfigFile(file, config, error)) return Fail(error);
-  std::printf("%s: valid, %zu area(s), %zu watched\n", file.c_str(),
-              config.settings.scanAreas.size(), OnAccessSettings(config).scanAreas.size());
+  const std::size_t withInotify = OnAccessSettings(config, false).scanAreas.size();
+  const std::size_t withFanotify = OnAccessSettings(config, true).scanAreas.size();
+  std::printf("%s: valid, %zu area(s), %zu watched", file.c_str(), config.settings.scanAreas.size(),
+              withInotify);
+  if (withFanotify != withInotify) std::printf(" (%zu with fanotify)", withFanotify);
+  std::printf("\n");
   return kExitOk;
 }
 

@@ -48,12 +48,13 @@ int RunDaemonCommand(const CommandLine& line) {
   OnDemandMonitor scanner(*runtime);
   if (!scanner.Create(config.settings, error)) return Fail(error);
   OnAccessSession session;
-  if (!session.Start(*runtime, OnAccessSettings(config), line.detections, error))
-    return Fail(error);
+  const pax::settings::OAFIMSettings watched =
+      OnAccessSettings(config, runtime->WatchesFileSystems());
+  if (!session.Start(*runtime, watched, line.detections, error)) return Fail(error);
   std::fprintf(stderr, "arvo-fim: watch backend: %s\n", runtime->WatchBackendDescription().c_str());
   const std::uint32_t interval = line.intervalSeconds.value_or(config.daemon.intervalSeconds);
   std::fprintf(stderr, "arvo-fim: watching %zu area(s), scanning every %u s\n",
-               OnAccessSettings(config).scanAreas.size(), interval);
+               watched.scanAreas.size(), interval);
 
   ServiceNotifier notifier;
   const ConfigLoader reload = [&line](MonitorConfig& fresh, std::string& why) {

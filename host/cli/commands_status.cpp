@@ -66,14 +66,16 @@ void PrintAreas(std::FILE* out, const MonitorConfig* config,
   if (config) {
     for (const pax::settings::ScanArea& area : config->settings.scanAreas) {
       const ScopeSummary* scope = FindScope(scopes, config->taskId, area.path);
-      const bool scanOnly = std::find(config->scanOnlyAreas.begin(), config->scanOnlyAreas.end(),
-                                      area.path) != config->scanOnlyAreas.end();
+      const AreaWatch watch = WatchOf(*config, area.path);
+      const char* const how = watch == AreaWatch::kScanOnly       ? " [scan only]"
+                              : watch == AreaWatch::kFanotifyOnly ? " [watched with fanotify only]"
+                                                                  : "";
       const std::string name = orn::text::WideToNarrow(area.areaName);
       const std::string rows =
           scope ? std::to_string(scope->baselineRows) + " baseline rows" : "no baseline";
       std::fprintf(out, "  %s  %s%s%s%s%s\n", area.path.c_str(), rows.c_str(),
                    name == area.path ? "" : "  ", name == area.path ? "" : name.c_str(),
-                   area.areaFlag ? "" : " [disabled]", scanOnly ? " [scan only]" : "");
+                   area.areaFlag ? "" : " [disabled]", how);
     }
   }
   for (const ScopeSummary& scope : scopes) {

@@ -160,11 +160,11 @@ class Reader {
     std::vector<ScanArea>& areas = config.settings.scanAreas;
     ScanArea area;
     area.areaFlag = true;
-    bool watch = true;
+    AreaWatch watch = AreaWatch::kWatched;
     std::string path;
     if (!CheckKeys(t, p, {"path", "name", "enabled", "watch", "exclude", "exclusion"}) ||
         !String(t, p, "path", path) || !Text(t, p, "name", area.areaName) ||
-        !Bool(t, p, "enabled", area.areaFlag) || !Bool(t, p, "watch", watch) ||
+        !Bool(t, p, "enabled", area.areaFlag) || !WatchChoice(t, p, watch) ||
         !Exclusions(t, p, area.localExclusions))
       return false;
     const toml::node* node = t.get("path");
@@ -175,9 +175,25 @@ class Reader {
     for (const ScanArea& other : areas)
       if (other.path == area.path) return Fail(where, p + "path", "area given twice: " + area.path);
     if (area.areaName.empty()) area.areaName = orn::text::NarrowToWide(area.path);
-    if (!watch) config.scanOnlyAreas.push_back(area.path);
+    if (watch == AreaWatch::kScanOnly) config.scanOnlyAreas.push_back(area.path);
+    if (watch == AreaWatch::kFanotifyOnly) config.fanotifyOnlyAreas.push_back(area.path);
     areas.push_back(std::move(area));
     return true;
+  }
+
+  // An area's `watch`: true, false or "fanotify".
+  bool WatchChoice(const toml::table& t, const std::string& p, AreaWatch& out) {
+    const toml::node* node = t.get("watch");
+    if (!node) return true;
+    if (const auto* flag = node->as_boolean()) {
+      out = flag->get() ? AreaWatch::kWatched : AreaWatch::kScanOnly;
+      return true;
+    }
+    if (const auto* text = node->as_string(); text && text->get() == "fanotify") {
+      out = AreaWatch::kFanotifyOnly;
+      return true;
+    }
+    return Fail(node->source(), p + "watch", "expected true, false or \"fanotify\"");
   }
 
   bool Masks(const toml::table& root, pax::settings::ExclusionSettings& out) {
@@ -381,11 +397,20 @@ bool AddAreas(const std::vector<std::string>& paths, MonitorConfig& config, std:
   return true;
 }
 
-pax::settings::OAFIMSettings OnAccessSettings(const MonitorConfig& config) {
+AreaWatch WatchOf(const MonitorConfig& config, const std::string& areaPath) {
+  const auto listed = [&areaPath](const std::vector<std::string>& paths) {
+    return std::find(paths.begin(), paths.end(), areaPath) != paths.end();
+  };
+  if (listed(config.scanOnlyAreas)) return AreaWatch::kScanOnly;
+  if (listed(config.fanotifyOnlyAreas)) return AreaWatch::kFanotifyOnly;
+  return AreaWatch::kWatched;
+}
+
+pax::settings::OAFIMSettings OnAccessSettings(const MonitorConfig& config, bool fileSystemMarks) {
   pax::settings::OAFIMSettings settings = config.settings;
   std::erase_if(settings.scanAreas, [&](const ScanArea& area) {
-    return std::find(config.scanOnlyAreas.begin(), config.scanOnlyAreas.end(), area.path) !=
-           config.scanOnlyAreas.end();
+    const AreaWatch watch = WatchOf(config, area.path);
+    return watch == AreaWatch::kScanOnly || (watch == AreaWatch::kFanotifyOnly && !fileSystemMarks);
   });
   return settings;
 }

@@ -16,8 +16,11 @@
 // [watch]      backend ("auto" | "fanotify" | "inotify", default "auto"):
 //              the kernel interface that watches the areas
 // [[area]]     path (absolute, required), name (text, default: the path),
-//              enabled (bool, default true), watch (bool, default true:
-//              false = scanned only, left out of the on-access settings),
+//              enabled (bool, default true), watch (true | false |
+//              "fanotify", default true: false = scanned only, left out of
+//              the on-access settings; "fanotify" = watched where the
+//              fanotify backend runs, scanned only under inotify, for areas
+//              too large for one inotify watch per directory),
 //              exclude (list of globs: local exclusions, short form),
 //              [[area.exclusion]] (full form)
 // [daemon]     what `arvo-fim daemon` does besides watching:
@@ -76,11 +79,18 @@ struct MonitorConfig {
   WatchBackend watchBackend = WatchBackend::kAuto;
   // Paths of the areas with `watch = false`: scanned, never watched.
   std::vector<std::string> scanOnlyAreas;
+  // Paths of the areas with `watch = "fanotify"`: watched only by fanotify.
+  std::vector<std::string> fanotifyOnlyAreas;
   DaemonConfig daemon;
 };
 
-// The on-access monitor's settings: `config`'s, without its scan-only areas.
-pax::settings::OAFIMSettings OnAccessSettings(const MonitorConfig& config);
+// How an area is watched.
+enum class AreaWatch { kWatched, kScanOnly, kFanotifyOnly };
+AreaWatch WatchOf(const MonitorConfig& config, const std::string& areaPath);
+
+// The on-access monitor's settings: `config`'s, without its scan-only areas,
+// and without its fanotify-only areas unless `fileSystemMarks` (fanotify runs).
+pax::settings::OAFIMSettings OnAccessSettings(const MonitorConfig& config, bool fileSystemMarks);
 
 // Parses TOML `text`; `sourceName` names it in messages. On failure returns
 // false and sets `error` to "<source>:<line>:<column>: <key>: <what>".

@@ -3,8 +3,10 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <string>
+#include <vector>
 
 #include "host/util/test_temp_dir.h"
 
@@ -114,16 +116,25 @@ path = "/big"
 watch = false
 [[area]]
 path = "/small"
+[[area]]
+path = "/usr"
+watch = "fanotify"
 )");
   EXPECT_EQ(c.daemon, (DaemonConfig{0, false, "/var/log/x/events.jsonl", JournalMode::kOff}));
   EXPECT_EQ(Parse("[daemon]\njournal = true\n").daemon.journal, JournalMode::kOn);
   EXPECT_EQ(Parse("[daemon]\njournal = \"auto\"\n").daemon.journal, JournalMode::kAuto);
-  // Scanned: both areas; watched: only the one without `watch = false`.
-  EXPECT_EQ(c.settings.scanAreas.size(), 2u);
-  const pax::settings::OAFIMSettings watched = OnAccessSettings(c);
-  ASSERT_EQ(watched.scanAreas.size(), 1u);
-  EXPECT_EQ(watched.scanAreas[0].path, "/small");
-  EXPECT_EQ(watched.ruleId, c.settings.ruleId);
+  // Scanned: every area; watched: not the one with `watch = false`, and the
+  // fanotify-only one only where fanotify runs.
+  EXPECT_EQ(c.settings.scanAreas.size(), 3u);
+  const pax::settings::OAFIMSettings withInotify = OnAccessSettings(c, false);
+  ASSERT_EQ(withInotify.scanAreas.size(), 1u);
+  EXPECT_EQ(withInotify.scanAreas[0].path, "/small");
+  EXPECT_EQ(withInotify.ruleId, c.settings.ruleId);
+  const pax::settings::OAFIMSettings withFanotify = OnAccessSettings(c, true);
+  ASSERT_EQ(withFanotify.scanAreas.size(), 2u);
+  EXPECT_EQ(withFanotify.scanAreas[1].path, "/usr");
+  EXPECT_EQ(WatchOf(c, "/big"), AreaWatch::kScanOnly);
+  EXPECT_EQ(WatchOf(c, "/usr"), AreaWatch::kFanotifyOnly);
 }
 
 TEST(ConfigTest, ErrorsNameFileLineAndKey) {
@@ -153,7 +164,7 @@ TEST(ConfigTest, ErrorsNameFileLineAndKey) {
       {"[[area]]\npath = \"/a\"\n[[area.exclusion]]\npattern = 5\n",
        "cfg.toml:4:11: area[1].exclusion[1].pattern: expected a string, got integer"},
       {"[[area]]\npath = \"/a\"\nwatch = \"no\"\n",
-       "cfg.toml:3:9: area[1].watch: expected a boolean, got string"},
+       "cfg.toml:3:9: area[1].watch: expected true, false or \"fanotify\""},
       {"[daemon]\ninterval = -5\n", "cfg.toml:2:12: daemon.interval: expected 0 to 2000000"},
       {"[daemon]\ninterval = 1.5\n", "cfg.toml:2:12: daemon.interval: expected an integer"},
       {"[daemon]\njournal = \"yes\"\n", "cfg.toml:2:11: daemon.journal: expected \"auto\""},
@@ -204,20 +215,51 @@ TEST(ConfigTest, CommandLineAreasAreAbsoluteNormalAndUnique) {
   EXPECT_TRUE(config.settings.globalExclusions[0].enabled);
 }
 
-// The example shipped beside the host must stay valid. Build trees live
-// inside the source tree, so it is found by walking up from the working
-// directory.
-TEST(ConfigTest, ShippedExampleIsValid) {
-  std::filesystem::path dir = std::filesystem::current_path();
-  for (; !dir.empty() && !std::filesystem::exists(dir / "host/config/example.toml");
+// Files shipped in the source tree. Build trees live inside it, so they are
+// found by walking up from the working directory; empty when not found.
+std::filesystem::path SourceFile(const std::string& relative) {
+  for (std::filesystem::path dir = std::filesystem::current_path(); !dir.empty();
        dir = dir.parent_path()) {
-    if (dir == dir.root_path()) GTEST_SKIP() << "host/config/example.toml not found above the cwd";
+    if (std::filesystem::exists(dir / relative)) return dir / relative;
+    if (dir == dir.root_path()) break;
   }
+  return {};
+}
+
+TEST(ConfigTest, ShippedExampleIsValid) {
+  const std::filesystem::path file = SourceFile("host/config/example.toml");
+  if (file.empty()) GTEST_SKIP() << "host/config/example.toml not found above the cwd";
   MonitorConfig config;
   std::string error;
-  ASSERT_TRUE(LoadConfigFile((dir / "host/config/example.toml").string(), config, error)) << error;
-  EXPECT_EQ(config.settings.scanAreas.size(), 4u);
+  ASSERT_TRUE(LoadConfigFile(file.string(), config, error)) << error;
+  EXPECT_EQ(config.settings.scanAreas.size(), 5u);
   EXPECT_EQ(config.scanOnlyAreas.size(), 1u);
+  EXPECT_EQ(config.fanotifyOnlyAreas.size(), 1u);
+}
+
+// The packaged policy: every area watched under fanotify but the one that
+// does not exist on every architecture; under inotify only the small ones,
+// /usr/lib and /root above all left to the scans.
+TEST(ConfigTest, DefaultPolicyWatchesEverythingWithFanotifyAndLittleWithInotify) {
+  const std::filesystem::path file = SourceFile("packaging/arvo-fim.toml");
+  if (file.empty()) GTEST_SKIP() << "packaging/arvo-fim.toml not found above the cwd";
+  MonitorConfig config;
+  std::string error;
+  ASSERT_TRUE(LoadConfigFile(file.string(), config, error)) << error;
+  const auto paths = [](const pax::settings::OAFIMSettings& s) {
+    std::vector<std::string> out;
+    for (const pax::settings::ScanArea& area : s.scanAreas) out.push_back(area.path);
+    return out;
+  };
+  const std::vector<std::string> all = paths(config.settings);
+  const std::vector<std::string> fanotify = paths(OnAccessSettings(config, true));
+  const std::vector<std::string> inotify = paths(OnAccessSettings(config, false));
+  EXPECT_EQ(fanotify.size(), all.size() - 1);
+  EXPECT_EQ(std::count(fanotify.begin(), fanotify.end(), "/usr/lib64"), 0);
+  EXPECT_EQ(std::count(fanotify.begin(), fanotify.end(), "/usr/lib"), 1);
+  EXPECT_EQ(std::count(inotify.begin(), inotify.end(), "/usr/lib"), 0);
+  EXPECT_EQ(std::count(inotify.begin(), inotify.end(), "/root"), 0);
+  EXPECT_EQ(std::count(inotify.begin(), inotify.end(), "/etc"), 1);
 }
 
 }  // namespace

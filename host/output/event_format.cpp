@@ -163,8 +163,8 @@ namespace {
 
 void AppendJsonOrigin(std::string& out, const ProcessOrigin& origin) {
   out += ",\"process\":{\"pid\":" + std::to_string(origin.pid);
-  if (origin.exited) {
-    out += ",\"exited\":true}";
+  if (origin.exited || origin.hidden) {
+    out += origin.exited ? ",\"exited\":true}" : ",\"hidden\":true}";
     return;
   }
   out += ",\"ppid\":" + std::to_string(origin.parentPid);
@@ -183,8 +183,8 @@ void AppendJsonOrigin(std::string& out, const ProcessOrigin& origin) {
 
 void AppendTextOrigin(std::string& out, const ProcessOrigin& origin) {
   out += " process=" + std::to_string(origin.pid);
-  if (origin.exited) {
-    out += "(exited)";
+  if (origin.exited || origin.hidden) {
+    out += origin.exited ? "(exited)" : "(hidden)";
     return;
   }
   out += " ppid=" + std::to_string(origin.parentPid);

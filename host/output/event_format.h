@@ -26,9 +26,10 @@
 //   JSON: "process":{"pid":812,"ppid":1,"uid":0,"loginUid":1000,
 //                    "executable":"/usr/bin/vim.basic","command":"vim"}
 //         or "process":{"pid":812,"exited":true} when it had exited before it
-//         could be read (absent members were not readable);
+//         could be read, "process":{"pid":812,"hidden":true} when /proc hides
+//         it from the monitor (absent members were not readable);
 //   text: process=812 ppid=1 uid=0 loginuid=1000 exe=/usr/bin/vim.basic comm=vim
-//         or process=812(exited)
+//         or process=812(exited), process=812(hidden)
 // Events without a known process (scans, the inotify backend) have neither.
 //
 // Detect events of the publisher service (--detections):

@@ -145,6 +145,13 @@ TEST(EventFormatTest, TheProcessBehindAChangeIsNamedAndAnExitedOneOnlyByPid) {
   EXPECT_EQ(v["process"].Find("executable"), nullptr);
   EXPECT_NE(FormatEventText(IssueEvent("/etc/x"), &exited).find(" process=9(exited)"),
             std::string::npos);
+
+  ProcessOrigin hidden;
+  hidden.pid = 10;
+  hidden.hidden = true;
+  ASSERT_TRUE(ParseJson(FormatEventJson(IssueEvent("/etc/x"), &hidden), v));
+  EXPECT_TRUE(v["process"]["hidden"].boolean);
+  EXPECT_EQ(v["process"].Find("exited"), nullptr);
 }
 
 TEST(EventFormatTest, DetectEventsCarryKindPathAndDigest) {

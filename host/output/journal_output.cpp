@@ -77,8 +77,8 @@ JournalField FieldOf(const pax::EventField& field) {
 
 void AppendOrigin(const ProcessOrigin& origin, std::vector<JournalField>& entry) {
   entry.emplace_back("ARVO_FIM_PROCESS_PID", std::to_string(origin.pid));
-  if (origin.exited) {
-    entry.emplace_back("ARVO_FIM_PROCESS_EXITED", "1");
+  if (origin.exited || origin.hidden) {
+    entry.emplace_back(origin.exited ? "ARVO_FIM_PROCESS_EXITED" : "ARVO_FIM_PROCESS_HIDDEN", "1");
     return;
   }
   entry.emplace_back("ARVO_FIM_PROCESS_PPID", std::to_string(origin.parentPid));

@@ -157,7 +157,10 @@ void DaemonLoop::ShowStatus() {
     return;
   }
   const auto watches = static_cast<std::int64_t>(InotifyWatchesInUse());
-  m_parts.notifier.Status(WatchingStatus(static_cast<std::size_t>(watches), m_nextScanWall));
+  const bool marks = m_parts.runtime.WatchesFileSystems();
+  const std::size_t marked = marks ? OnAccessSettings(m_config, true).scanAreas.size() : 0;
+  m_parts.notifier.Status(
+      WatchingStatus({static_cast<std::size_t>(watches), marked}, m_nextScanWall));
   if (watches != m_publishedWatches) {
     RecordWatches(watches, m_parts.runtime.WatchBackendDescription());
     m_publishedWatches = watches;
@@ -195,8 +198,9 @@ bool DaemonLoop::ApplyConfig(const MonitorConfig& fresh, std::string& error) {
   const std::string oldLog = m_parts.eventsLog.Path();
   if (fresh.daemon.eventsLog != oldLog && !m_parts.eventsLog.Open(fresh.daemon.eventsLog, error))
     return false;
-  const pax::settings::OAFIMSettings watched = OnAccessSettings(m_config);
-  const pax::settings::OAFIMSettings toWatch = OnAccessSettings(fresh);
+  const bool marks = m_parts.runtime.WatchesFileSystems();
+  const pax::settings::OAFIMSettings watched = OnAccessSettings(m_config, marks);
+  const pax::settings::OAFIMSettings toWatch = OnAccessSettings(fresh, marks);
   const bool rewatch = toWatch != watched;
   if (rewatch) {
     m_parts.notifier.Watchdog();  // re-subscribing walks every watched tree

@@ -23,8 +23,15 @@ std::string ScanningStatus(std::size_t area, std::size_t areas, std::uint64_t ob
          std::to_string(objects) + " objects";
 }
 
-std::string WatchingStatus(std::size_t directories, std::optional<std::time_t> nextScan) {
-  std::string text = "watching " + std::to_string(directories) + " directories, ";
+std::string WatchingStatus(WatchCount watching, std::optional<std::time_t> nextScan) {
+  const std::string directories = std::to_string(watching.directories) + " directories";
+  std::string text = "watching ";
+  if (watching.markedAreas == 0) {
+    text += directories + ", ";
+  } else {
+    text += std::to_string(watching.markedAreas) + " areas with fanotify marks, ";
+    if (watching.directories > 0) text += directories + " with inotify, ";
+  }
   if (!nextScan) return text + "no scheduled scans";
   std::tm local{};
   char clock[16] = "?";

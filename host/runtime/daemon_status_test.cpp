@@ -17,7 +17,11 @@ TEST(DaemonStatusTest, AreasAreCountedAmongTheEnabledOnes) {
 }
 
 TEST(DaemonStatusTest, WatchingNamesTheNextScanOrItsAbsence) {
-  EXPECT_EQ(WatchingStatus(812, std::nullopt), "watching 812 directories, no scheduled scans");
+  EXPECT_EQ(WatchingStatus({812, 0}, std::nullopt), "watching 812 directories, no scheduled scans");
+  EXPECT_EQ(WatchingStatus({0, 9}, std::nullopt),
+            "watching 9 areas with fanotify marks, no scheduled scans");
+  EXPECT_EQ(WatchingStatus({3, 9}, std::nullopt),
+            "watching 9 areas with fanotify marks, 3 directories with inotify, no scheduled scans");
   std::tm local{};
   local.tm_year = 126;
   local.tm_mon = 10;
@@ -25,7 +29,8 @@ TEST(DaemonStatusTest, WatchingNamesTheNextScanOrItsAbsence) {
   local.tm_hour = 14;
   local.tm_min = 5;
   local.tm_isdst = -1;
-  EXPECT_EQ(WatchingStatus(3, std::mktime(&local)), "watching 3 directories, next scan at 14:05");
+  EXPECT_EQ(WatchingStatus({3, 0}, std::mktime(&local)),
+            "watching 3 directories, next scan at 14:05");
 }
 
 }  // namespace

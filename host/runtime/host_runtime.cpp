@@ -78,7 +78,7 @@ bool HostRuntime::Init(const RuntimeSetup& setup, std::string& error) {
     const orn::result_t r = CreateWatchProvider(m_tracer.Get(), setup.backend, std::move(observer),
                                                 provider, m_watchBackend, &m_coverage);
     if (ORN_FAILED(r)) {
-      error = DescribeFailure(m_watchBackend, r);
+      error = DescribeFailure(m_watchBackend.description, r);
       return false;
     }
     m_locator->Register<pax::IInotifyEventsProvider>(provider.Get());

@@ -16,6 +16,7 @@
 #include "host/runtime/coverage_response.h"
 #include "host/runtime/module_loader.h"
 #include "host/runtime/scan_progress.h"
+#include "host/runtime/watch_provider.h"
 #include "host/services/service_locator.h"
 #include "host/services/tracer.h"
 #include "host/watch/inotify_provider.h"
@@ -78,7 +79,9 @@ class HostRuntime {
   bool ReopenOutput(std::string& error) const;
   // Which watch backend runs, and why ("fanotify (file-system marks)"); empty
   // without the on-access services.
-  const std::string& WatchBackendDescription() const { return m_watchBackend; }
+  const std::string& WatchBackendDescription() const { return m_watchBackend.description; }
+  // fanotify watches the areas: watching one costs no per-directory watch.
+  bool WatchesFileSystems() const { return m_watchBackend.fileSystemMarks; }
   // The module's publisher service (answers the subscription interface).
   orn::IObject* PublisherService() const { return m_publisherService.Get(); }
 
@@ -104,7 +107,7 @@ class HostRuntime {
   orn::RefPtr<pax::IEventPublisher> m_publisher;
   std::shared_ptr<InotifyCoverage> m_coverage;
   orn::RefPtr<orn::IObject> m_publisherService;
-  std::string m_watchBackend;
+  WatchProviderChoice m_watchBackend;
 };
 
 // "<what>: 0x8000004b (Unspecified error)"

@@ -41,7 +41,7 @@ class FallbackProvider final : public orn::SimpleObject<pax::IInotifyEventsProvi
 orn::result_t CreateWatchProvider(orn::ITracer* tracer, WatchBackend wanted,
                                   CoverageObserver observer,
                                   orn::RefPtr<pax::IInotifyEventsProvider>& out,
-                                  std::string& description,
+                                  WatchProviderChoice& choice,
                                   std::shared_ptr<InotifyCoverage>* coverage) {
   std::string refused;
   if (wanted != WatchBackend::kInotify) {
@@ -49,7 +49,7 @@ orn::result_t CreateWatchProvider(orn::ITracer* tracer, WatchBackend wanted,
     const orn::result_t r = CreateFanotifyProvider(tracer, fanotify, refused, observer);
     if (ORN_SUCCEEDED(r) && wanted == WatchBackend::kFanotify) {
       out = std::move(fanotify);
-      description = "fanotify (file-system marks)";
+      choice = {"fanotify (file-system marks)", true};
       return r;
     }
     if (ORN_SUCCEEDED(r)) {
@@ -57,19 +57,19 @@ orn::result_t CreateWatchProvider(orn::ITracer* tracer, WatchBackend wanted,
       const orn::result_t made = CreateInotifyProvider(tracer, inotify, observer, coverage);
       if (ORN_FAILED(made)) return made;
       out = orn::MakeSimple<FallbackProvider>(std::move(fanotify), std::move(inotify));
-      description = "fanotify (file-system marks; inotify where a file system cannot be marked)";
+      choice = {"fanotify (file-system marks; inotify where a file system cannot be marked)", true};
       return r;
     }
     if (wanted == WatchBackend::kFanotify) {
-      description = "cannot use fanotify: " + refused;
+      choice = {"cannot use fanotify: " + refused, false};
       return r;
     }
   }
   const orn::result_t r = CreateInotifyProvider(tracer, out, std::move(observer), coverage);
   if (ORN_FAILED(r)) {
-    description = "cannot create the inotify provider";
+    choice = {"cannot create the inotify provider", false};
   } else {
-    description = wanted == WatchBackend::kAuto ? "inotify (" + refused + ")" : "inotify";
+    choice = {wanted == WatchBackend::kAuto ? "inotify (" + refused + ")" : "inotify", false};
   }
   return r;
 }

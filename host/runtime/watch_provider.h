@@ -12,16 +12,24 @@
 
 namespace arvo::host {
 
-// Creates the provider `wanted` asks for. `description` says which backend
-// runs and, for kAuto, why ("fanotify (file-system marks)", "inotify
-// (fanotify needs CAP_SYS_ADMIN)"); on failure it says why nothing runs.
+// Which backend a created provider runs.
+struct WatchProviderChoice {
+  // Which backend runs and, for kAuto, why ("fanotify (file-system marks)",
+  // "inotify (fanotify needs CAP_SYS_ADMIN)"); on failure why nothing runs.
+  std::string description;
+  // fanotify runs (alone, or first with inotify as its fallback): watching
+  // an area costs no per-directory watch.
+  bool fileSystemMarks = false;
+};
+
+// Creates the provider `wanted` asks for and describes it in `choice`.
 // Either backend tells `observer` (may be empty) of its losses of coverage;
 // `coverage` (may be null) receives the inotify provider's controls, and
 // stays empty with fanotify, whose marks do not get lost with a root.
 orn::result_t CreateWatchProvider(orn::ITracer* tracer, WatchBackend wanted,
                                   CoverageObserver observer,
                                   orn::RefPtr<pax::IInotifyEventsProvider>& out,
-                                  std::string& description,
+                                  WatchProviderChoice& choice,
                                   std::shared_ptr<InotifyCoverage>* coverage = nullptr);
 
 }  // namespace arvo::host

@@ -1,6 +1,8 @@
 #include "host/util/process_origin.h"
 
+#include <errno.h>
 #include <limits.h>
+#include <signal.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -56,6 +58,13 @@ bool Alive(int pidfd) {
 #endif
 }
 
+// Without a pidfd the pid may have been reused, but a process by that number
+// exists: enough to call it hidden rather than exited, never to name it.
+bool Alive(pid_t pid, int pidfd) {
+  if (pidfd >= 0) return Alive(pidfd);
+  return ::kill(pid, 0) == 0 || errno == EPERM;
+}
+
 }  // namespace
 
 ProcessOrigin ReadProcessOrigin(pid_t pid, int pidfd, const std::string& procRoot) {
@@ -67,8 +76,10 @@ ProcessOrigin ReadProcessOrigin(pid_t pid, int pidfd, const std::string& procRoo
   }
   const std::string dir = procRoot + "/" + std::to_string(pid);
   if (!ReadStatus(dir + "/status", origin)) {
-    origin.exited = true;
-    return origin;
+    ProcessOrigin unread;
+    unread.pid = pid;
+    (Alive(pid, pidfd) ? unread.hidden : unread.exited) = true;
+    return unread;
   }
   origin.command = ReadFirstLine(dir + "/comm");
   origin.executable = ReadLink(dir + "/exe");

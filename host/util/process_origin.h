@@ -23,6 +23,9 @@ struct ProcessOrigin {
   pid_t pid = 0;
   // The process had exited before it could be read: only `pid` is true.
   bool exited = false;
+  // The process lives, but /proc shows nothing of it to this monitor (a
+  // hidepid mount, a sandbox's ProtectProc=invisible): only `pid` is true.
+  bool hidden = false;
   pid_t parentPid = 0;
   std::optional<uid_t> uid;
   std::optional<uid_t> loginUid;  // absent when unset (4294967295) or unreadable

@@ -38,6 +38,21 @@ TEST(ProcessOriginTest, AReapedProcessIsReportedAsExitedNeverAsAnother) {
   EXPECT_FALSE(gone.uid.has_value());
 }
 
+TEST(ProcessOriginTest, ALiveProcessThatProcHidesIsHiddenNotExited) {
+  // A /proc without this process's directory, as a hidepid mount shows it.
+  char root[] = "/tmp/arvo-proc-XXXXXX";
+  ASSERT_NE(::mkdtemp(root), nullptr);
+  const ScopedFd pidfd(static_cast<int>(::syscall(SYS_pidfd_open, ::getpid(), 0)));
+  for (const int fd : {pidfd.Get(), -1}) {
+    const ProcessOrigin seen = ReadProcessOrigin(::getpid(), fd, root);
+    EXPECT_TRUE(seen.hidden) << "pidfd " << fd;
+    EXPECT_FALSE(seen.exited);
+    EXPECT_TRUE(seen.command.empty());
+    EXPECT_FALSE(seen.uid.has_value());
+  }
+  ::rmdir(root);
+}
+
 TEST(ProcessOriginTest, TheOriginIsCurrentOnlyInsideItsScope) {
   EXPECT_EQ(CurrentProcessOrigin(), nullptr);
   ProcessOrigin outer, inner;
