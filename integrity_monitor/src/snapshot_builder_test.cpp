@@ -139,15 +139,10 @@ struct Recorded {
   std::string sha;
 };
 
-Recorded RecordedRow(sqlite3* db, const char* table, const std::string& path) {
+// The first row of "SELECT ino, size, sha256 ..." run on `stmt`, which it finalizes.
+Recorded StepRecorded(sqlite3_stmt* stmt) {
   Recorded row;
-  sqlite3_stmt* stmt = nullptr;
-  const std::string query =
-      std::string("SELECT ino, size, sha256 FROM ") + table + " WHERE paths = ?1";
-  EXPECT_EQ(sqlite3_prepare_v2(db, query.c_str(), -1, &stmt, nullptr), SQLITE_OK);
-  const std::string blob = path + '\0';
-  sqlite3_bind_blob(stmt, 1, blob.data(), static_cast<int>(blob.size()), SQLITE_TRANSIENT);
-  if (sqlite3_step(stmt) == SQLITE_ROW) {
+  if (stmt && sqlite3_step(stmt) == SQLITE_ROW) {
     row.ino = static_cast<std::uint64_t>(sqlite3_column_int64(stmt, 0));
     row.size = sqlite3_column_int64(stmt, 1);
     const char* p = static_cast<const char*>(sqlite3_column_blob(stmt, 2));
@@ -155,6 +150,16 @@ Recorded RecordedRow(sqlite3* db, const char* table, const std::string& path) {
   }
   sqlite3_finalize(stmt);
   return row;
+}
+
+Recorded RecordedRow(sqlite3* db, const char* table, const std::string& path) {
+  sqlite3_stmt* stmt = nullptr;
+  const std::string query =
+      std::string("SELECT ino, size, sha256 FROM ") + table + " WHERE paths = ?1";
+  EXPECT_EQ(sqlite3_prepare_v2(db, query.c_str(), -1, &stmt, nullptr), SQLITE_OK);
+  const std::string blob = path + '\0';
+  sqlite3_bind_blob(stmt, 1, blob.data(), static_cast<int>(blob.size()), SQLITE_TRANSIENT);
+  return StepRecorded(stmt);
 }
 
 std::string Digest(FakeSha256& sha, const std::string& content) {
@@ -233,19 +238,12 @@ TEST_F(SnapshotBuilderTest, AReplaceLoopRacingTheSnapshotsNeverMixesTwoObjects) 
     const result_t r = builder.BuildSnapshot(target, scope);
     if (r == 0) {
       ++taken;
-      Recorded row;
       ASSERT_EQ(Rows(kBaselineTable).size(), 1u);
       sqlite3_stmt* stmt = nullptr;
       ASSERT_EQ(sqlite3_prepare_v2(db.Handle(), "SELECT ino, size, sha256 FROM Baseline", -1, &stmt,
                                    nullptr),
                 SQLITE_OK);
-      if (sqlite3_step(stmt) == SQLITE_ROW) {
-        row.ino = static_cast<std::uint64_t>(sqlite3_column_int64(stmt, 0));
-        row.size = sqlite3_column_int64(stmt, 1);
-        const char* p = static_cast<const char*>(sqlite3_column_blob(stmt, 2));
-        row.sha.assign(p ? p : "", sqlite3_column_bytes(stmt, 2));
-      }
-      sqlite3_finalize(stmt);
+      const Recorded row = StepRecorded(stmt);
       std::lock_guard lock(mutex);
       ASSERT_TRUE(contentOf.count(row.ino)) << row.ino;
       EXPECT_EQ(row.sha, Digest(*sha, contentOf[row.ino])) << "ino " << row.ino;
