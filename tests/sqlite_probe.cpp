@@ -18,9 +18,11 @@ struct StmtFinalizer {
 using Db = std::unique_ptr<sqlite3, DbCloser>;
 using Stmt = std::unique_ptr<sqlite3_stmt, StmtFinalizer>;
 
+// Read-write without creating: a journal left by a killed run is rolled
+// back first, as the next run would, instead of failing the read.
 Db Open(const std::string& path, std::string& why) {
   sqlite3* raw = nullptr;
-  const int rc = sqlite3_open_v2(path.c_str(), &raw, SQLITE_OPEN_READONLY, nullptr);
+  const int rc = sqlite3_open_v2(path.c_str(), &raw, SQLITE_OPEN_READWRITE, nullptr);
   Db db(raw);
   if (rc != SQLITE_OK) {
     why = "cannot open: " + std::string(raw ? sqlite3_errmsg(raw) : sqlite3_errstr(rc));

@@ -20,21 +20,40 @@ constexpr char kQuery[] =
     "SELECT s.taskid, s.path, (SELECT count(*) FROM Baseline b WHERE b.scanscopeid = s.id) "
     "FROM ScanScopes s ORDER BY s.id";
 
+using Database = std::unique_ptr<sqlite3, CloseDatabase>;
+
+Database Open(const std::string& file, int flags, int& rc) {
+  sqlite3* raw = nullptr;
+  rc = ::sqlite3_open_v2(file.c_str(), &raw, flags, nullptr);
+  Database db(raw);
+  if (db) {
+    ::sqlite3_extended_result_codes(db.get(), 1);
+    ::sqlite3_busy_timeout(db.get(), kBusyWaitMs);
+  }
+  return db;
+}
+
 }  // namespace
 
 bool ReadDatabaseSummary(const std::string& file, std::vector<ScopeSummary>& out,
                          std::string& error) {
-  sqlite3* raw = nullptr;
-  const int opened = ::sqlite3_open_v2(file.c_str(), &raw, SQLITE_OPEN_READONLY, nullptr);
-  const std::unique_ptr<sqlite3, CloseDatabase> db(raw);
-  if (opened != SQLITE_OK) {
+  int rc = SQLITE_OK;
+  Database db = Open(file, SQLITE_OPEN_READONLY, rc);
+  if (rc != SQLITE_OK) {
     error = "cannot open the database '" + file +
-            "' read-only: " + (db ? ::sqlite3_errmsg(db.get()) : ::sqlite3_errstr(opened));
+            "' read-only: " + (db ? ::sqlite3_errmsg(db.get()) : ::sqlite3_errstr(rc));
     return false;
   }
-  ::sqlite3_busy_timeout(db.get(), kBusyWaitMs);
   sqlite3_stmt* rawStatement = nullptr;
-  int rc = ::sqlite3_prepare_v2(db.get(), kQuery, -1, &rawStatement, nullptr);
+  rc = ::sqlite3_prepare_v2(db.get(), kQuery, -1, &rawStatement, nullptr);
+  if (rc == SQLITE_READONLY_ROLLBACK) {
+    // A run died mid-transaction and left its journal. Any connection that
+    // can write rolls it back, restoring the database as it was before that
+    // run, as the next run would; SQLite does so only while no live writer
+    // holds the database.
+    db = Open(file, SQLITE_OPEN_READWRITE, rc);
+    if (rc == SQLITE_OK) rc = ::sqlite3_prepare_v2(db.get(), kQuery, -1, &rawStatement, nullptr);
+  }
   const std::unique_ptr<sqlite3_stmt, FinalizeStatement> statement(rawStatement);
   out.clear();
   while (rc == SQLITE_OK || rc == SQLITE_ROW) {

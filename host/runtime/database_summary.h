@@ -1,5 +1,6 @@
 // What the integrity database holds, read without disturbing a daemon that
-// uses it: the connection is read-only and never takes a write lock.
+// uses it: the connection is read-only and never takes a write lock, except
+// to roll back the journal a run left when it died mid-transaction.
 #pragma once
 
 #include <cstdint>
