@@ -298,10 +298,15 @@ result_t SnapshotComparer::CompareFileAttributes(const FileSnapshot& before,
   try {
     ProductEvent event = MakeIntegrityEvent(event_type::kSystemIntegrityIssue, severity::kCritical);
     bool differs = false;
+    // Something a rename or move does not change by itself: not the
+    // status-change time, which a rename sets.
+    bool beyondTimes = false;
     const auto add = [&](std::uint32_t fieldId, const std::string& oldText,
                          const std::string& newText) {
       event.Add(fieldId, FieldValue::Text16(orn::text::NarrowToWide(NewOld(oldText, newText))));
       differs = true;
+      beyondTimes = beyondTimes ||
+                    (fieldId != field::kLastStatusChangeTime && fieldId != field::kLastAccessTime);
     };
     if (before.nlinks != after.nlinks)
       add(field::kLinkCount, Number(before.nlinks), Number(after.nlinks));
@@ -337,7 +342,11 @@ result_t SnapshotComparer::CompareFileAttributes(const FileSnapshot& before,
     if (common.empty()) {
       ORN_TRACE(m_context.tracer, orn::kTraceLevelDetail)
           << kOdfimPrefix << "All hardlinks to file were deleted/renamed";
-      return orn::errors::kFalse;
+      // The rename, move or path events say where the object went, not that
+      // its mode, owner or content times changed too: those are reported
+      // under its new paths, lest a renamed file turn setuid unseen.
+      if (!beyondTimes) return orn::errors::kFalse;
+      common.assign(newPaths.begin(), newPaths.end());
     }
     result_t failure = orn::errors::kOk;
     const std::uint32_t type = FileTypeFromMode(after.attr);

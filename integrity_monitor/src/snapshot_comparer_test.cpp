@@ -230,6 +230,27 @@ TEST_F(SnapshotComparerTest, SinglePathChangesAreRenamesOrMoves) {
   EXPECT_EQ(detects[0].digest[0], 9);
 }
 
+TEST_F(SnapshotComparerTest, AttributeChangesOfARenamedObjectAreReportedUnderItsNewPath) {
+  // Renamed, and its status-change time moved with it: the rename says all.
+  FileSnapshot moved = Snap(1, {"/d/a"});
+  moved.ctime_sec = 2000;
+  moved.paths = Snap(1, {"/d/b"}).paths;
+  Both(Snap(1, {"/d/a"}), moved);
+  // Renamed, made setuid and given away: that is said too, at the new path.
+  FileSnapshot setuid = Snap(2, {"/e/x"});
+  setuid.attr = S_IFREG | 04755;
+  setuid.uid = 123;
+  setuid.ctime_sec = 2000;
+  Both(Snap(2, {"/d/x"}), setuid);
+  const auto changes = SortedChanges(Run());
+  EXPECT_EQ(changes, (std::vector<std::vector<std::string>>{
+                         {"54=13", "66=/d/b", "55=0", "63=/d/a"},
+                         {"54=9", "66=/e/x", "55=0", "63=/d/x"},
+                         {"65=123 (0)", "60=-rwsr-xr-x (-rw-r--r--)",
+                          "58=1970-01-01 00:33:20.000000000 (1970-01-01 00:16:40.000000000)",
+                          "54=3", "66=/e/x", "55=0"}}));
+}
+
 TEST_F(SnapshotComparerTest, RemovedHardLinkIsDeletedAndTheRestSeeTheLinkCount) {
   FileSnapshot before = Snap(1, {"/b", "/a"});
   FileSnapshot after = Snap(1, {"/a"});
