@@ -165,6 +165,14 @@ void FanotifyCore::Run() {
     }
     records.clear();
     (void)DecodeFanotifyRecords(buffer.data(), static_cast<std::size_t>(n), records);
+    {
+      std::lock_guard lock(m_mutex);
+      m_resolver.NewBatch();
+    }
+    // One read of /proc per process and read: the records of one read were
+    // queued within moments of each other, by a process the pidfd of its
+    // first record proved alive when it was read.
+    std::optional<ProcessOrigin> origin;
     for (FanotifyRecord& record : records) {
       if (record.pid == m_self && !record.Overflow()) continue;  // our own writes
       deliveries.clear();
@@ -178,8 +186,9 @@ void FanotifyCore::Run() {
         TellOverflow(deliveries);
         continue;
       }
-      const ProcessOrigin origin = ReadProcessOrigin(record.pid, record.pidfd.Get());
-      Deliver(deliveries, &origin);
+      if (!origin || origin->pid != record.pid)
+        origin = ReadProcessOrigin(record.pid, record.pidfd.Get());
+      Deliver(deliveries, &*origin);
     }
   }
 }

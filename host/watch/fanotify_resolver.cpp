@@ -87,8 +87,13 @@ std::optional<std::string> FanotifyResolver::Open(const FanotifyDirectory& direc
 
 std::optional<std::string> FanotifyResolver::PathOf(const FanotifyDirectory& directory) {
   const std::string key = KeyOf(directory);
+  if (m_resolvedInBatch.count(key) != 0) {
+    const auto known = m_paths.find(key);
+    if (known != m_paths.end()) return known->second;
+  }
   if (std::optional<std::string> path = Open(directory)) {
     Remember(directory, *path);
+    m_resolvedInBatch.insert(key);
     return path;
   }
   const auto cached = m_paths.find(key);
@@ -97,7 +102,10 @@ std::optional<std::string> FanotifyResolver::PathOf(const FanotifyDirectory& dir
 }
 
 void FanotifyResolver::Remember(const FanotifyDirectory& directory, std::string path) {
-  if (m_paths.size() >= kMaxCachedPaths) m_paths.clear();
+  if (m_paths.size() >= kMaxCachedPaths) {
+    m_paths.clear();
+    m_resolvedInBatch.clear();
+  }
   m_paths[KeyOf(directory)] = std::move(path);
 }
 

@@ -17,6 +17,7 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "host/util/scoped_fd.h"
@@ -36,8 +37,13 @@ class FanotifyResolver {
   std::vector<std::uint64_t> DropUnmounted();
 
   // The directory's current path, or the cached one when it can no longer be
-  // opened; empty when neither is known.
+  // opened; empty when neither is known. A handle resolved once since the
+  // last NewBatch() is not opened again: its path stays true until a move
+  // or deletion at or above it, which Forget() reports.
   std::optional<std::string> PathOf(const FanotifyDirectory& directory);
+
+  // The records of one read from the fanotify descriptor follow.
+  void NewBatch() { m_resolvedInBatch.clear(); }
 
   // Records `path` as the directory's path, as if it had been resolved.
   void Remember(const FanotifyDirectory& directory, std::string path);
@@ -52,6 +58,7 @@ class FanotifyResolver {
 
   std::unordered_map<std::uint64_t, std::string> m_mounts;
   std::unordered_map<std::string, std::string> m_paths;  // handle key -> path
+  std::unordered_set<std::string> m_resolvedInBatch;     // keys opened since NewBatch()
 };
 
 // The id fanotify gives the file system of `fd` (statfs f_fsid), or 0.
