@@ -110,26 +110,23 @@ m_rm_hardlink() { pick -type f -links +1 && rm "$PICKED" && log delete "$PICKED"
 m_rm_tree() { pick -mindepth 2 -type d && rm -rf "$PICKED" && log delete "$PICKED"; }
 m_reuse_elsewhere() {   # free an inode, then create another file elsewhere
   pick -type f -links 1 || return 0
-  local old=$PICKED ino; ino=$(stat -c %i "$old"); rm "$old"; log delete "$old"
+  local old=$PICKED; rm "$old"; log delete "$old"
   PICKED=${old%/*}; ((RANDOM % 3)) || pick_dir   # a sibling gets the inode most often
-  fresh "$PICKED"; random_file "$FRESH"; log new "$FRESH"
-  [[ $(stat -c %i "$FRESH") != "$ino" ]] || log "# inode of $old reused by $FRESH"
-}
+  fresh "$PICKED"; random_file "$FRESH"; log new "$FRESH"; }
 m_reuse_same_name() {
   pick -type f -links 1 || return 0
-  local ino; ino=$(stat -c %i "$PICKED"); rm "$PICKED"; log delete "$PICKED"
-  random_file "$PICKED"; log new "$PICKED"
-  [[ $(stat -c %i "$PICKED") != "$ino" ]] || log "# inode of $PICKED reused by $PICKED"; }
+  rm "$PICKED"; log delete "$PICKED"; random_file "$PICKED"; log new "$PICKED"; }
 m_rename() { pick || return 0; fresh "${PICKED%/*}"
   mv -T "$PICKED" "$FRESH" && log rename "$PICKED" "$FRESH"; }
 m_move() {   # keeps the name when the target directory has none like it
   pick \( -type f -o -type l \) || return 0; local src=$PICKED dst
   pick_dir; dst="$PICKED/${src##*/}"; [[ ! -e $dst && ! -L $dst ]] || dst+=".m$SEQ"
-  mv -T "$src" "$dst" && log rename "$src" "$dst"; }
+  mv -T "$src" "$dst" && log rename "$src" "$dst" && DST=$dst; }
 m_move_dir() {
   pick -type d || return 0; local src=$PICKED
   pick_dir; [[ $PICKED/ == "$src"/* || -e $PICKED/${src##*/} ]] && return 0
   mv -T "$src" "$PICKED/${src##*/}" && log rename "$src" "$PICKED/${src##*/}"; }
+m_move_chmod() { m_move && [[ -f $DST && ! -L $DST ]] && chmod "0$((RANDOM % 8))7$((RANDOM % 8))" "$DST"; }
 m_replace() {   # the editor's way: a temporary file renamed over the original
   pick -type f || return 0; local tmp="${PICKED%/*}/.tmp$SEQ"
   random_file "$tmp"; log new "$tmp"; mv -T "$tmp" "$PICKED"; log rename "$tmp" "$PICKED"; }
@@ -148,7 +145,7 @@ m_new_dir() { pick_dir; fresh "$PICKED"; mkdir "$FRESH"; log new "$FRESH"
 m_chmod_root() { chmod "07$((RANDOM % 6))$((RANDOM % 6))" "$AREA"; }
 
 KINDS=(rewrite append truncate chmod chmod_dir chown backdate setfacl setfacl_default rm
-  rm_hardlink rm_tree reuse_elsewhere reuse_same_name rename move move_dir replace mv_over
+  rm_hardlink rm_tree reuse_elsewhere reuse_same_name rename move move_chmod move_dir replace mv_over
   link retarget symlink_to_dir new_dir chmod_root)
 
 apply_changes() {
@@ -206,8 +203,9 @@ run_seed() {
 
 py() { python3 - "$@" <<'PYTHON'
 import hashlib, json, os, stat, sys
-C, D, CT, MD = "created", "deleted", "content", "metadata"
-META = ("mode", "uid", "gid", "nlink", "size", "mtime", "ctime", "acl", "dacl")
+C, D, CT, MD, ACL = "created", "deleted", "content", "metadata", "acl"
+META = ("mode", "uid", "gid", "nlink", "size", "mtime", "ctime")
+OWN = ("mode", "uid", "gid")   # what no rename changes by itself
 
 def xattr(p, name):
     try: return os.getxattr(p, name, follow_symlinks=False).hex()
@@ -217,7 +215,7 @@ def info(p):
     st = os.lstat(p)
     d = dict(type=stat.S_IFMT(st.st_mode), mode=stat.S_IMODE(st.st_mode), uid=st.st_uid,
              gid=st.st_gid, nlink=st.st_nlink, size=st.st_size, mtime=st.st_mtime_ns,
-             ctime=st.st_ctime_ns, acl=xattr(p, "system.posix_acl_access"),
+             ctime=st.st_ctime_ns, ino=st.st_ino, acl=xattr(p, "system.posix_acl_access"),
              dacl=xattr(p, "system.posix_acl_default"))
     if stat.S_ISREG(st.st_mode):
         with open(p, "rb") as f: d["data"] = hashlib.file_digest(f, "sha256").hexdigest()
@@ -246,10 +244,11 @@ def replay(before, log):
                 origin[n] = (o, k if o is None or k == "linked" else "same" if o == n else "moved")
     return origin
 
-def diffs(b, a):
+def diffs(b, a, keys=META):
     if b["type"] != a["type"]: return {CT, MD}
     return ({CT} if b.get("data") != a.get("data") else set()) | \
-           ({MD} if any(b[k] != a[k] for k in META) else set())
+           ({MD} if any(b[k] != a[k] for k in keys) else set()) | \
+           ({ACL} if (b["acl"], b["dacl"]) != (a["acl"], a["dacl"]) else set())
 
 def truth(before, after, origin):
     """path -> (reports allowed, requirements: sets of which one report must appear)"""
@@ -259,15 +258,17 @@ def truth(before, after, origin):
         ren = {("renamed", o)} if k == "moved" else set()
         if p not in after: acc, req = {D}, [{D}]
         elif k == "same": d = diffs(before[p], after[p]); acc, req = d, [{x} for x in d]
-        elif p in before: acc = {D, C, CT, MD} | ren; req = [set(acc)]
+        elif p in before: acc = {D, C, CT, MD, ACL} | ren; req = [set(acc)]
         elif k == "new": acc, req = {C}, [{C}]
         else:
-            d = diffs(before[o], after[p])
-            acc, req = {C} | ren | d, [{C} | ren] + ([{C, CT}] if CT in d else [])
+            # A move touches the change time (and a directory's mtime); what
+            # else changed must be reported unless the path is called new.
+            d, strong = diffs(before[o], after[p]), diffs(before[o], after[p], OWN)
+            acc, req = {C} | ren | d, [{C} | ren] + [{C, x} for x in strong]
         if req or acc: t[p] = (acc, req)
     return t
 
-KIND = {7: C, 8: D, 6: CT, 3: MD, 1: MD}
+KIND = {7: C, 8: D, 6: CT, 3: MD, 1: ACL}
 def arvo_reports(path):
     for line in open(path):
         e = json.loads(line); f = {x["name"]: x["value"] for x in e["fields"]}
@@ -283,7 +284,7 @@ def aide_reports(path):
     for p in r.get("removed", {}): yield p, D
     for p in r.get("changed", {}):
         keys = r.get("details", {}).get(p, {}) or {"?": 0}
-        for k in keys: yield p, CT if k in ("sha256", "link_name", "ftype") else MD
+        for k in keys: yield p, CT if k in ("sha256", "link_name", "ftype") else ACL if k == "acl" else MD
 
 def score(reports, t):
     reps = set(reports); got = {}
@@ -312,7 +313,9 @@ def classify(w, seed):
     res = {"arvo-fim": score(arvo_reports(f"{w}/arvo-check.jsonl"), t),
            "aide": score(aide_reports(f"{w}/aide--check.json"), t)}
     explain(w, res["arvo-fim"]["faults"], origin)
-    reuse = sum(l.startswith("# inode of") for l in open(f"{w}/changes.log"))
+    new = {p for p in after if origin.get(p, (None,))[0] is None}
+    gone = {i["ino"] for i in before.values()} - {after[p]["ino"] for p in after if p not in new}
+    reuse = sum(after[p]["ino"] in gone for p in new)   # new objects on a freed inode
     print(f"seed {seed}: {len(before)} objects, {len(t)} changed paths, {reuse} inode reuse(s)")
     table(res)
     json.dump(res, open(f"{w}/result.json", "w"), default=list)
