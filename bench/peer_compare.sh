@@ -152,7 +152,7 @@ apply_changes() {
   local i k
   for ((i = 0; i < CHANGES; i++)); do
     k=${KINDS[RANDOM % ${#KINDS[@]}]}
-    log "# $k"; "m_$k" || true
+    PICKED=; "m_$k" || true; log "# $k $PICKED"
   done
 }
 
@@ -284,7 +284,13 @@ def aide_reports(path):
     for p in r.get("removed", {}): yield p, D
     for p in r.get("changed", {}):
         keys = r.get("details", {}).get(p, {}) or {"?": 0}
-        for k in keys: yield p, CT if k in ("sha256", "link_name", "ftype") else ACL if k == "acl" else MD
+        for k, v in keys.items():
+            yield p, CT if k in ("sha256", "link_name", "ftype") else \
+                ACL if k == "acl" and not mode_only(v) else MD
+
+def mode_only(acl):   # AIDE shows the permission bits as a three-entry ACL
+    return all(e.split(":")[1].strip() in ("user", "group", "other") and e.split(":")[2] == ""
+               for e in acl.get("old", []) + acl.get("new", []))
 
 def score(reports, t):
     reps = set(reports); got = {}
@@ -302,9 +308,9 @@ def explain(w, faults, origin):
     with open(f"{w}/arvo-faults.txt", "w") as out:
         for kind, p, c in faults:
             out.write(f"{kind}: {p} {c} (origin {origin.get(p)})\n")
-            near = lambda s: p in s or any(a in p for a in s.split()[1:])
-            out.writelines(f"  change: {l}\n" for l in log if l[0] != "#" and near(l))
-            out.writelines(f"  event: {e}" for e in events if json.dumps(p)[1:-1] in e)
+            near = lambda s: any(p == a or p.startswith(a + "/") for a in s.split()[1:])
+            out.writelines(f"  change: {l}\n" for l in log if near(l))
+            out.writelines(f"  event: {e}" for e in events if f'"value":{json.dumps(p)}' in e)
 
 def classify(w, seed):
     before, after = json.load(open(f"{w}/before.json")), json.load(open(f"{w}/after.json"))
