@@ -18,6 +18,10 @@
 # rename from a path whose inode was merely reused, ...); a truth entry no
 # report covers is "missed". A path that was replaced by another object may
 # be reported either way (deleted+created, or content/metadata changed).
+# Classes: created, deleted, content, metadata, acl, renamed-from. A moved
+# object may be reported as created, or as renamed; then its content, mode,
+# owner and ACL changes must be reported too (not the change time or the
+# directory mtime the move itself touches).
 #
 # Prints a table per seed and the totals; exits 1 when arvo-fim has any
 # untrue or missed report (details in SCRATCH/seed-N/arvo-faults.txt).
@@ -255,7 +259,9 @@ def truth(before, after, origin):
     t = {}
     for p in set(before) | set(after):
         o, k = origin.get(p, (None, "new"))
-        ren = {("renamed", o)} if k == "moved" else set()
+        # A hard link whose first name went away is a rename, however made.
+        moved = k == "moved" or (k == "linked" and origin.get(o, (None,))[0] != o)
+        ren = {("renamed", o)} if moved else set()
         if p not in after: acc, req = {D}, [{D}]
         elif k == "same": d = diffs(before[p], after[p]); acc, req = d, [{x} for x in d]
         elif p in before: acc = {D, C, CT, MD, ACL} | ren; req = [set(acc)]
