@@ -5,11 +5,17 @@
 //     (process start to readiness line for the programs);
 //   - latency: from a write to the event being seen (line read from the
 //     program's stdout, or OnEvent called), median and p99;
-//   - sustained rate: the highest paced write rate whose events all arrive.
+//   - sustained rate: the highest paced write rate whose events all arrive;
+//   - kernel watches or marks held, from /proc/PID/fdinfo.
 //
 //   watch_bench [--arvo-fim PATH] [--dirs N] [--samples N] [--rate-seconds S]
-//               [--parent DIR] [--no-inotifywait]
+//               [--parent DIR] [--no-inotifywait] [--existing DIR]
 //
+// --existing measures setup and kernel objects only, on a tree that is not
+// ours (e.g. /usr): the providers and inotifywait, nothing written into it.
+//
+// The fanotify provider drops changes its own process makes, so in process
+// only its setup is measured; arvo-fim/fanotify times that backend's events.
 // arvo-fim defaults to the binary next to this one; a missing program is
 // skipped. The tree is made under /dev/shm when it exists (making and
 // removing 20,000 directories on a slow disk takes longer than the whole
@@ -100,7 +106,11 @@ class Subject {
   // Starts watching `root`; returns the seconds until watches were set.
   virtual std::optional<double> Start(const std::string& root) = 0;
   virtual void Stop() = 0;
+  // False when changes this process makes are not delivered to it, so the
+  // bench's own writes cannot time it.
+  virtual bool SeesOwnWrites() const { return true; }
   EventSink sink;
+  std::optional<int> watches;  // kernel watches or marks held once set up
 };
 
 class ForwardingReceiver final : public orn::SimpleObject<pax::IInotifyEventsReceiver> {
@@ -132,30 +142,32 @@ orn::result_t MakeFanotify(orn::RefPtr<pax::IInotifyEventsProvider>& out) {
   return r;
 }
 
-// Kernel watch objects this process holds: inotify watches and fanotify
-// marks, as /proc/self/fdinfo lists them.
-std::pair<int, int> KernelWatches() {
-  int inotify = 0, fanotify = 0;
+// Kernel watch objects a process ("self" or a pid) holds: inotify watches
+// and fanotify marks, as its fdinfo lists them.
+int KernelWatches(const std::string& process) {
+  int count = 0;
   std::error_code ec;
-  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fdinfo", ec)) {
+  for (const auto& entry :
+       std::filesystem::directory_iterator("/proc/" + process + "/fdinfo", ec)) {
     FILE* f = std::fopen(entry.path().c_str(), "r");
     if (!f) continue;
     char line[512];
     while (std::fgets(line, sizeof line, f)) {
-      if (std::strncmp(line, "inotify wd:", 11) == 0) ++inotify;
-      if (std::strncmp(line, "fanotify ", 9) == 0 && std::strstr(line, "mflags:")) ++fanotify;
+      if (std::strncmp(line, "inotify wd:", 11) == 0) ++count;
+      if (std::strncmp(line, "fanotify ", 9) == 0 && std::strstr(line, "mflags:")) ++count;
     }
     std::fclose(f);
   }
-  return {inotify, fanotify};
+  return count;
 }
 
 // The host's provider in this process: no process start, no output.
 class ProviderSubject final : public Subject {
  public:
-  ProviderSubject(std::string name, ProviderFactory factory)
-      : m_name(std::move(name)), m_factory(factory) {}
+  ProviderSubject(std::string name, ProviderFactory factory, bool seesOwnWrites)
+      : m_name(std::move(name)), m_factory(factory), m_seesOwnWrites(seesOwnWrites) {}
   std::string Name() const override { return m_name; }
+  bool SeesOwnWrites() const override { return m_seesOwnWrites; }
   std::optional<double> Start(const std::string& root) override {
     const Clock::time_point begin = Clock::now();
     m_receiver = orn::MakeSimple<ForwardingReceiver>(sink);
@@ -163,8 +175,7 @@ class ProviderSubject final : public Subject {
         ORN_FAILED(m_provider->Subscribe(m_receiver.Get(), root, 0x3C6)))
       return std::nullopt;
     const double seconds = Seconds(Clock::now() - begin);
-    const auto [inotify, fanotify] = KernelWatches();
-    watches = inotify + fanotify;
+    watches = KernelWatches("self");
     return seconds;
   }
   void Stop() override {
@@ -173,11 +184,10 @@ class ProviderSubject final : public Subject {
     m_receiver.Reset();
   }
 
-  int watches = 0;  // kernel watches or marks held once subscribed
-
  private:
   std::string m_name;
   ProviderFactory m_factory;
+  bool m_seesOwnWrites;
   orn::RefPtr<pax::IInotifyEventsProvider> m_provider;
   orn::RefPtr<ForwardingReceiver> m_receiver;
 };
@@ -226,6 +236,7 @@ class ProcessSubject final : public Subject {
       Stop();
       return std::nullopt;
     }
+    watches = KernelWatches(std::to_string(m_pid));
     return Seconds(m_readyAt - begin);
   }
 
@@ -297,6 +308,7 @@ struct Options {
   double rateSeconds = 1.0;
   bool inotifywait = true;
   std::string parent;
+  std::string existing;
 };
 
 struct Figures {
@@ -422,6 +434,11 @@ Figures Measure(Subject& s, const std::string& root, const Options& o, double se
   Figures f;
   f.setup = setup;
   std::fprintf(stderr, "watch_bench: measuring %s\n", s.Name().c_str());
+  if (!s.SeesOwnWrites()) {
+    std::fprintf(stderr, "watch_bench: %s ignores this process's writes: setup only\n",
+                 s.Name().c_str());
+    return f;
+  }
   if (!s.Start(root)) return f;
   MeasureLatency(s, root + "/io", o.samples, f);
   MeasureRate(s, root + "/io", o.rateSeconds, f);
@@ -487,12 +504,14 @@ bool ParseOptions(int argc, char** argv, Options& o) {
       o.rateSeconds = std::atof(argv[++i]);
     } else if (a == "--parent" && hasValue) {
       o.parent = argv[++i];
+    } else if (a == "--existing" && hasValue) {
+      o.existing = argv[++i];
     } else if (a == "--no-inotifywait") {
       o.inotifywait = false;
     } else {
       std::fprintf(stderr,
                    "usage: watch_bench [--arvo-fim PATH] [--dirs N] [--samples N] "
-                   "[--rate-seconds S] [--parent DIR] [--no-inotifywait]\n");
+                   "[--rate-seconds S] [--parent DIR] [--no-inotifywait] [--existing DIR]\n");
       return false;
     }
   }
@@ -508,12 +527,77 @@ bool ParseOptions(int argc, char** argv, Options& o) {
   return o.dirs > 0 && o.samples > 0 && o.rateSeconds > 0;
 }
 
+std::unique_ptr<Subject> MakeInotifywait() {
+  return std::make_unique<ProcessSubject>(
+      "inotifywait",
+      std::vector<std::string>{"inotifywait", "-m", "-r", "-e", "modify", "-e", "attrib", "-e",
+                               "moved_from", "-e", "moved_to", "-e", "create", "-e", "delete",
+                               "--format", "%w%f %e"},
+      "Watches established");
+}
+
+// Best of 3 setup times per subject, interleaved so drift hits all alike,
+// after one untimed setup that warms the directory cache.
+std::vector<std::optional<double>> BestSetups(const std::vector<std::unique_ptr<Subject>>& subjects,
+                                              const std::string& root) {
+  (void)TimeSetup(*subjects.front(), root);
+  std::vector<std::optional<double>> setups(subjects.size());
+  for (int round = 0; round < 3; ++round) {
+    for (std::size_t i = 0; i < subjects.size(); ++i) {
+      const auto t = TimeSetup(*subjects[i], root);
+      if (!t) continue;
+      if (!setups[i] || *t < *setups[i]) setups[i] = t;
+    }
+  }
+  return setups;
+}
+
+// Directories under `root`, itself included, as a watcher walking it without
+// following links sees them.
+int CountDirectories(const std::string& root) {
+  int count = 1;
+  std::error_code ec;
+  namespace fs = std::filesystem;
+  for (fs::recursive_directory_iterator it(root, fs::directory_options::skip_permission_denied, ec),
+       end;
+       it != end; it.increment(ec)) {
+    if (ec) break;
+    count += it->is_directory(ec) && !it->is_symlink(ec);
+  }
+  return count;
+}
+
+// Setup time and kernel objects only: `root` is not ours, so nothing is
+// written into it.
+int MeasureExisting(const Options& o) {
+  std::printf("watch_bench: %d directories under %s\n", CountDirectories(o.existing),
+              o.existing.c_str());
+  std::vector<std::unique_ptr<Subject>> subjects;
+  subjects.push_back(std::make_unique<ProviderSubject>("provider/inotify", MakeInotify, true));
+  subjects.push_back(std::make_unique<ProviderSubject>("provider/fanotify", MakeFanotify, false));
+  if (o.inotifywait) subjects.push_back(MakeInotifywait());
+  const auto setups = BestSetups(subjects, o.existing);
+  const double base = o.inotifywait ? setups.back().value_or(0) : 0;
+  std::printf("%-17s %11s %8s %14s\n", "subject", "setup_ms(*)", "watches", "x inotifywait");
+  for (std::size_t i = 0; i < subjects.size(); ++i) {
+    std::optional<double> ms, ratio;
+    if (setups[i]) ms = *setups[i] * 1000;
+    if (setups[i] && base > 0) ratio = *setups[i] / base;
+    std::printf("%-17s %11s %8s %14s\n", subjects[i]->Name().c_str(), Show(ms, "%.3f").c_str(),
+                subjects[i]->watches ? std::to_string(*subjects[i]->watches).c_str() : "-",
+                Show(ratio, "%.3g").c_str());
+  }
+  std::printf("(*) best of 3 runs\n");
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   Options o;
   if (!ParseOptions(argc, argv, o)) return 2;
   ::signal(SIGPIPE, SIG_IGN);
+  if (!o.existing.empty()) return MeasureExisting(o);
   std::string root = o.parent + "/watch-bench-XXXXXX";
   if (!::mkdtemp(root.data())) return 2;
   ::setenv("ARVO_FIM_DB", (root + ".db").c_str(), 1);
@@ -523,8 +607,8 @@ int main(int argc, char** argv) {
   std::printf("watch_bench: %d directories under %s\n", made + 2, root.c_str());
 
   std::vector<std::unique_ptr<Subject>> subjects;
-  subjects.push_back(std::make_unique<ProviderSubject>("provider/inotify", MakeInotify));
-  subjects.push_back(std::make_unique<ProviderSubject>("provider/fanotify", MakeFanotify));
+  subjects.push_back(std::make_unique<ProviderSubject>("provider/inotify", MakeInotify, true));
+  subjects.push_back(std::make_unique<ProviderSubject>("provider/fanotify", MakeFanotify, false));
   if (::access(o.arvoFim.c_str(), X_OK) == 0) {
     for (const char* backend : {"inotify", "fanotify"}) {
       subjects.push_back(std::make_unique<ProcessSubject>(
@@ -535,24 +619,9 @@ int main(int argc, char** argv) {
   } else {
     std::printf("arvo-fim not found at '%s': skipped\n", o.arvoFim.c_str());
   }
-  if (o.inotifywait) {
-    subjects.push_back(std::make_unique<ProcessSubject>(
-        "inotifywait",
-        std::vector<std::string>{"inotifywait", "-m", "-r", "-e", "modify", "-e", "attrib", "-e",
-                                 "moved_from", "-e", "moved_to", "-e", "create", "-e", "delete",
-                                 "--format", "%w%f %e"},
-        "Watches established"));
-  }
+  if (o.inotifywait) subjects.push_back(MakeInotifywait());
 
-  (void)TimeSetup(*subjects.front(), root);  // warms the directory cache
-  std::vector<std::optional<double>> setups(subjects.size());
-  for (int round = 0; round < 3; ++round) {  // best of 3, interleaved: drift hits all alike
-    for (std::size_t i = 0; i < subjects.size(); ++i) {
-      const auto t = TimeSetup(*subjects[i], root);
-      if (!t) continue;
-      if (!setups[i] || *t < *setups[i]) setups[i] = t;
-    }
-  }
+  const auto setups = BestSetups(subjects, root);
   std::vector<std::pair<std::string, Figures>> rows;
   for (std::size_t i = 0; i < subjects.size(); ++i) {
     if (!setups[i]) {
@@ -563,9 +632,9 @@ int main(int argc, char** argv) {
   }
   Report(rows);
   for (const auto& subject : subjects) {
-    if (const auto* provider = dynamic_cast<const ProviderSubject*>(subject.get()))
-      std::printf("%s: %d kernel watch(es) or mark(s) for the tree\n", provider->Name().c_str(),
-                  provider->watches);
+    if (subject->watches)
+      std::printf("%s: %d kernel watch(es) or mark(s) for the tree\n", subject->Name().c_str(),
+                  *subject->watches);
   }
   std::fflush(stdout);
   std::error_code ec;
