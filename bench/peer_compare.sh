@@ -29,7 +29,7 @@
 set -euo pipefail
 
 here="$(cd "$(dirname "$0")/.." && pwd)"
-ARVO="/work/wt9/build-dev/bin/arvo-fim"
+ARVO="$here/build/bin/arvo-fim"  # scripts/setup.sh builds it
 SCRATCH="$here/.peer-scratch"
 SEEDS=10 CHANGES=60 KEEP=0
 

@@ -11,7 +11,7 @@ native=(
   cmake ninja-build g++ pkgconf
   libboost-dev libsqlite3-dev libssl-dev libtomlplusplus-dev
   libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev libsystemd-dev
-  sqlite3 acl inotify-tools clang-format python3 ccache
+  sqlite3 acl inotify-tools aide clang-format python3 ccache
   clang libfuzzer-14-dev
   debhelper lintian systemd scdoc file man-db logrotate
 )
