@@ -5,7 +5,10 @@
 //     (process start to readiness line for the programs);
 //   - latency: from a write to the event being seen (line read from the
 //     program's stdout, or OnEvent called), median and p99;
-//   - sustained rate: the highest paced write rate whose events all arrive;
+//   - sustained rate: the highest paced write rate at which every file's
+//     last write is followed by an event for that file and no loss is
+//     reported (fanotify merges repeated changes of one file queued by one
+//     process into one event, so events are not counted one per write);
 //   - kernel watches or marks held, from /proc/PID/fdinfo.
 //
 //   watch_bench [--arvo-fim PATH] [--dirs N] [--samples N] [--rate-seconds S]
@@ -36,6 +39,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <memory>
@@ -59,7 +63,7 @@ using arvo::host::ScopedFd;
 
 constexpr const char* kProbeName = "probe";
 constexpr const char* kRateMark = "rate_";
-constexpr int kRateFiles = 64;  // round robin: consecutive events differ, so none merge
+constexpr int kRateFiles = 64;  // written round robin
 
 double Seconds(Clock::duration d) { return std::chrono::duration<double>(d).count(); }
 
@@ -73,10 +77,17 @@ class EventSink {
       ++m_probes;
       m_lastProbe = now;
       m_changed.notify_all();
-    } else if (text.find(kRateMark) != std::string::npos) {
+    } else if (const std::size_t at = text.find(kRateMark); at != std::string::npos) {
       m_rateEvents.fetch_add(1);
+      const int file = std::atoi(text.c_str() + at + std::strlen(kRateMark));
+      if (file >= 0 && file < kRateFiles) m_lastSeen[file].store(now.time_since_epoch().count());
     }
+    // arvo-fim's coverage-gap event, inotifywait's overflow line.
+    if (text.find("CoverageLost") != std::string::npos ||
+        text.find("Q_OVERFLOW") != std::string::npos)
+      OnLoss();
   }
+  void OnLoss() { m_lost.store(true); }
   std::uint64_t Probes() {
     std::lock_guard lock(m_mutex);
     return m_probes;
@@ -89,7 +100,18 @@ class EventSink {
     return m_lastProbe;
   }
   std::uint64_t RateEvents() const { return m_rateEvents.load(); }
-  void ResetRate() { m_rateEvents.store(0); }
+  bool Lost() const { return m_lost.load(); }
+  void ResetRate() {
+    m_rateEvents.store(0);
+    m_lost.store(false);
+  }
+  // Every file written has had an event since its last write (`lastWrite`,
+  // steady-clock ticks, 0 for a file not written).
+  bool Covers(const std::vector<Clock::rep>& lastWrite) const {
+    for (std::size_t i = 0; i < lastWrite.size(); ++i)
+      if (lastWrite[i] != 0 && m_lastSeen[i].load() < lastWrite[i]) return false;
+    return true;
+  }
 
  private:
   std::mutex m_mutex;
@@ -97,6 +119,8 @@ class EventSink {
   std::uint64_t m_probes = 0;
   Clock::time_point m_lastProbe;
   std::atomic<std::uint64_t> m_rateEvents{0};
+  std::atomic<bool> m_lost{false};
+  std::atomic<Clock::rep> m_lastSeen[kRateFiles] = {};
 };
 
 class Subject {
@@ -117,7 +141,11 @@ class ForwardingReceiver final : public orn::SimpleObject<pax::IInotifyEventsRec
  public:
   explicit ForwardingReceiver(EventSink& sink) : m_sink(sink) {}
   orn::result_t OnEvent(const pax::InotifyEvent& event) override {
-    if (event.error.empty()) m_sink.OnText(event.path);
+    if (event.error.empty()) {
+      m_sink.OnText(event.path);
+    } else {
+      m_sink.OnLoss();
+    }
     return orn::errors::kOk;
   }
   orn::result_t GetName(orn::types::string8_t& name) const override {
@@ -361,43 +389,57 @@ void MeasureLatency(Subject& s, const std::string& io, int samples, Figures& f) 
   f.p99 = micros[std::min(micros.size() - 1, micros.size() * 99 / 100)];
 }
 
-// Writes `total` events paced at `rate`; returns the achieved rate.
-double PacedWrites(const std::vector<ScopedFd>& files, double rate, std::uint64_t total) {
+// Writes `total` events paced at `rate`, noting each file's last write in
+// `lastWrite`; returns the achieved rate.
+double PacedWrites(const std::vector<ScopedFd>& files, double rate, std::uint64_t total,
+                   std::vector<Clock::rep>& lastWrite) {
+  lastWrite.assign(files.size(), 0);
   const Clock::time_point begin = Clock::now();
   for (std::uint64_t i = 0; i < total; ++i) {
     const auto due = begin + std::chrono::duration_cast<Clock::duration>(
                                  std::chrono::duration<double>(i / rate));
     if (due - Clock::now() > std::chrono::microseconds(200)) std::this_thread::sleep_until(due);
-    (void)::pwrite(files[i % files.size()].Get(), "x", 1, 0);
+    const std::size_t file = i % files.size();
+    lastWrite[file] = Clock::now().time_since_epoch().count();
+    (void)::pwrite(files[file].Get(), "x", 1, 0);
   }
   return total / Seconds(Clock::now() - begin);
 }
 
-// Waits until `total` events arrived or none came for a second.
-std::uint64_t Drain(EventSink& sink, std::uint64_t total) {
+// Waits until `done` holds or no event came for a second; returns `done`.
+template <class Done>
+bool Drain(EventSink& sink, Done done) {
   std::uint64_t last = sink.RateEvents();
   Clock::time_point progress = Clock::now();
-  while (last < total && Clock::now() - progress < std::chrono::seconds(1)) {
+  while (!done() && Clock::now() - progress < std::chrono::seconds(1)) {
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
     if (const std::uint64_t now = sink.RateEvents(); now != last) {
       last = now;
       progress = Clock::now();
     }
   }
-  return last;
+  return done();
 }
 
-// Sends one paced burst; true when every event arrived.
+// Sends one paced burst; true when every file's last write was reported and
+// no loss was.
 bool RateHolds(Subject& s, const std::vector<ScopedFd>& files, double rate, double seconds,
                double* achieved) {
   s.sink.ResetRate();
   const auto total = static_cast<std::uint64_t>(rate * seconds);
-  *achieved = PacedWrites(files, rate, total);
-  const std::uint64_t received = Drain(s.sink, total);
-  std::fprintf(stderr, "watch_bench: %s at %.0f/s: %llu of %llu events (achieved %.0f/s)\n",
-               s.Name().c_str(), rate, static_cast<unsigned long long>(received),
-               static_cast<unsigned long long>(total), *achieved);
-  return received >= total;
+  std::vector<Clock::rep> lastWrite;
+  *achieved = PacedWrites(files, rate, total, lastWrite);
+  const bool covered = Drain(s.sink, [&] { return s.sink.Covers(lastWrite); });
+  const bool holds = covered && !s.sink.Lost();
+  std::fprintf(stderr,
+               "watch_bench: %s at %.0f/s: %llu events for %llu writes, %s (achieved %.0f/s)\n",
+               s.Name().c_str(), rate, static_cast<unsigned long long>(s.sink.RateEvents()),
+               static_cast<unsigned long long>(total),
+               holds     ? "every file reported"
+               : covered ? "loss reported"
+                         : "a file's last write unreported",
+               *achieved);
+  return holds;
 }
 
 // Doubles the rate until events are lost or the writer cannot keep up, then
@@ -407,7 +449,7 @@ void MeasureRate(Subject& s, const std::string& io, double seconds, Figures& f) 
   for (int i = 0; i < kRateFiles; ++i) {
     files.push_back(OpenForWrite(io + "/" + kRateMark + std::to_string(i)));
   }
-  Drain(s.sink, ~0ull >> 1);  // the creations above settle first
+  Drain(s.sink, [] { return false; });  // the creations above settle first
   double held = 0, failed = 0, achieved = 0;
   for (double rate = 5000; rate <= 640000; rate *= 2) {
     if (!RateHolds(s, files, rate, seconds, &achieved)) {
