@@ -13,6 +13,7 @@
 #include <sys/stat.h>
 
 #include <cstdint>
+#include <optional>
 #include <ostream>
 #include <set>
 #include <string>
@@ -57,6 +58,12 @@ struct FileSnapshot {
   std::int64_t btime_nsec = 0;
 
   bool HasBirthTime() const { return btime_sec != 0 || btime_nsec != 0; }
+
+  // Raw "system.posix_acl_default" of a directory: the ACL its new entries
+  // inherit. Empty when there is none and for every other file type;
+  // std::nullopt when not known (a row written before the module recorded
+  // it). Not in the text form.
+  std::optional<orn::types::blob_t> acl_default{std::in_place};
 };
 
 // File object type code of a mode (pax::object_type): regular file 0,

@@ -30,12 +30,20 @@ constexpr const char kCreateSnapshotTable[] =
     "   BLOB NOT NULL,PRIMARY KEY(scanscopeid,ino,dev),FOREIGN KEY(scanscopeid) REFERENCES "
     "%s(id) ON DELETE CASCADE)";
 constexpr const char kPragma[] = "PRAGMA foreign_keys = ON";
-// The module's two added columns of "Baseline" and "CurrentSnaphot" (the
-// birth time), appended to the tables' original columns by ALTER TABLE: new and
-// existing databases end with the same columns in the same order, so the
-// baseline rebuild's "INSERT INTO ... SELECT *" still pairs them.
-constexpr const char* kAddedColumns[] = {"btime_sec", "btime_nsec"};
-constexpr const char kAddColumn[] = "ALTER TABLE '%1%' ADD COLUMN %2% INTEGER NOT NULL DEFAULT 0";
+// The module's added columns of "Baseline" and "CurrentSnaphot" (the birth
+// time, the default ACL), appended to the tables' original columns by ALTER
+// TABLE in this order: new and existing databases end with the same columns
+// in the same order, so the baseline rebuild's "INSERT INTO ... SELECT *"
+// still pairs them. acl_default has no default: rows written before it
+// existed read NULL, "not known", which the comparison does not report.
+struct AddedColumn {
+  const char* name;
+  const char* definition;
+};
+constexpr AddedColumn kAddedColumns[] = {{"btime_sec", "INTEGER NOT NULL DEFAULT 0"},
+                                         {"btime_nsec", "INTEGER NOT NULL DEFAULT 0"},
+                                         {"acl_default", "BLOB"}};
+constexpr const char kAddColumn[] = "ALTER TABLE '%1%' ADD COLUMN %2% %3%";
 constexpr const char kSelectScanScope[] = "SELECT id from '%s' where taskId=%d and path='%s'";
 constexpr const char kInsertScanScope[] = "INSERT INTO %s(taskId, path) VALUES ('%d', '%s');";
 constexpr const char kDeleteScanScope[] = "DELETE from '%s' where id = %d";
@@ -133,12 +141,13 @@ result_t IntegrityDatabase::InitializeDatabase() {
 }
 
 result_t IntegrityDatabase::AddMissingColumns(const char* table) {
-  for (const char* column : kAddedColumns) {
+  for (const AddedColumn& added : kAddedColumns) {
+    const char* column = added.name;
     const std::string probe = std::string("SELECT ") + column + " FROM '" + table + "' LIMIT 0";
     Statement stmt;
     if (::sqlite3_prepare_v2(m_db.Get(), probe.c_str(), -1, stmt.Ref(), nullptr) == SQLITE_OK)
       continue;  // present
-    const std::string query = (boost::format(kAddColumn) % table % column).str();
+    const std::string query = (boost::format(kAddColumn) % table % column % added.definition).str();
     if (ORN_SUCCEEDED(QueryExec(query, nullptr, nullptr))) continue;
     // Another connection may have added it meanwhile.
     Statement again;

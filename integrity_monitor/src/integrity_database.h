@@ -7,10 +7,11 @@
 // "/var/opt/aldervane/arvo/private/fim.db". The directory must exist; the
 // file is created when missing. The schema statements are idempotent and an
 // existing database is reused as it is, with one addition: "Baseline" and
-// "CurrentSnaphot" carry two columns beyond their original ones, btime_sec and
-// btime_nsec (the object's birth time, 0 when unknown), appended with ALTER
-// TABLE to new and older databases alike. Rows written before they existed
-// read 0 (unknown).
+// "CurrentSnaphot" carry three columns beyond their original ones, btime_sec
+// and btime_nsec (the object's birth time, 0 when unknown) and acl_default
+// (a directory's raw default ACL, a zero-length blob when it has none),
+// appended in this order with ALTER TABLE to new and older databases alike.
+// Rows written before they existed read 0 (unknown) and NULL (unknown).
 //
 // Ownership and threads: IntegrityDatabase owns the connection and every
 // statement it caches; it is used by one thread at a time (the on-demand
@@ -69,8 +70,8 @@ class IntegrityDatabase {
   // Opens `path` (as Open does).
   [[nodiscard]] result_t OpenPath(const std::string& path);
 
-  // Creates the three tables (if missing), adds the birth-time columns to
-  // the snapshot tables (if missing) and switches foreign keys on for this
+  // Creates the three tables (if missing), adds the module's columns to the
+  // snapshot tables (if missing) and switches foreign keys on for this
   // connection; stops at the first failure.
   [[nodiscard]] result_t InitializeDatabase();
 

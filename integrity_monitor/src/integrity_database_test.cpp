@@ -31,14 +31,14 @@ std::string SnapshotTableSchema(const std::string& name) {
          "INTEGER NOT NULL,nlinks\t        INTEGER NOT NULL,size\t        INTEGER NOT NULL,uid\t  "
          "      INTEGER NOT NULL,gid\t        INTEGER NOT NULL,sha256\t        BLOB NOT "
          "NULL,acl\t        BLOB NOT NULL, btime_sec INTEGER NOT NULL DEFAULT 0, btime_nsec "
-         "INTEGER NOT NULL DEFAULT 0,PRIMARY KEY(scanscopeid,ino,dev),FOREIGN "
+         "INTEGER NOT NULL DEFAULT 0, acl_default BLOB,PRIMARY KEY(scanscopeid,ino,dev),FOREIGN "
          "KEY(scanscopeid) REFERENCES ScanScopes(id) ON DELETE CASCADE)";
 }
 
 TEST_F(IntegrityDatabaseTest, SchemaIsStoredExactlyAndReopeningKeepsIt) {
   // SQLite stores the text of CREATE TABLE without "IF NOT EXISTS" and the
   // trailing ';'; everything else, tabs and blanks included, must be ours:
-  // the original statement, with the two birth-time columns ALTER TABLE
+  // the original statement, with the module's three columns ALTER TABLE
   // inserted after the last column.
   const std::vector<std::string> expected = {
       "CREATE TABLE ScanScopes (id\tINTEGER NOT NULL PRIMARY KEY AUTOINCREMENT,taskid\tINTEGER "
@@ -88,7 +88,7 @@ TEST_F(IntegrityDatabaseTest, DeletingAScopeCascadesToItsSnapshots) {
     for (std::uint64_t scope : {kept, dropped}) {
       const std::string insert = std::string("INSERT INTO ") + table + " VALUES (" +
                                  std::to_string(scope) +
-                                 ",1,2,0,0,0,0,0,0,x'00',0,1,0,0,0,x'',x'',0,0)";
+                                 ",1,2,0,0,0,0,0,0,x'00',0,1,0,0,0,x'',x'',0,0,x'')";
       ASSERT_EQ(db.QueryExec(insert, nullptr, nullptr), 0);
     }
   }
@@ -140,10 +140,10 @@ TEST_F(IntegrityDatabaseTest, TransactionRollsBackUnlessCommitted) {
   EXPECT_EQ(Column(db.Handle(), "SELECT path FROM ScanScopes"), std::vector<std::string>{"/kept"});
 }
 
-// A database written before the birth-time columns existed gets them, its
-// rows reading 0 (unknown), and the baseline rebuild's SELECT * still pairs
-// the two tables' columns.
-TEST_F(IntegrityDatabaseTest, AnOlderDatabaseGainsTheBirthTimeColumns) {
+// A database written before the module's columns existed gets them, its
+// rows reading 0 and NULL (unknown), and the baseline rebuild's SELECT *
+// still pairs the two tables' columns.
+TEST_F(IntegrityDatabaseTest, AnOlderDatabaseGainsTheModulesColumns) {
   const std::string path = dir / "old.db";
   sqlite3* raw = nullptr;
   ASSERT_EQ(sqlite3_open(path.c_str(), &raw), SQLITE_OK);
@@ -152,7 +152,8 @@ TEST_F(IntegrityDatabaseTest, AnOlderDatabaseGainsTheBirthTimeColumns) {
       "NOT NULL,path\tTEXT NOT NULL)";
   std::string old = SnapshotTableSchema("Baseline");
   const std::string added =
-      " btime_sec INTEGER NOT NULL DEFAULT 0, btime_nsec INTEGER NOT NULL DEFAULT 0,";
+      " btime_sec INTEGER NOT NULL DEFAULT 0, btime_nsec INTEGER NOT NULL DEFAULT 0, acl_default "
+      "BLOB,";
   old.erase(old.find(added), added.size());
   std::string oldCurrent = old;
   oldCurrent.replace(oldCurrent.find("Baseline"), 8, "CurrentSnaphot");
@@ -174,8 +175,12 @@ TEST_F(IntegrityDatabaseTest, AnOlderDatabaseGainsTheBirthTimeColumns) {
   EXPECT_EQ(Column(older.Handle(), query),
             (std::vector<std::string>{scopes, SnapshotTableSchema("Baseline"),
                                       SnapshotTableSchema("CurrentSnaphot")}));
-  EXPECT_EQ(Column(older.Handle(), "SELECT btime_sec || '.' || btime_nsec FROM CurrentSnaphot"),
-            std::vector<std::string>{"0.0"});
+  EXPECT_TRUE(tracer->Contains(
+      "Exec query: ALTER TABLE 'CurrentSnaphot' ADD COLUMN acl_default BLOB", 800));
+  EXPECT_EQ(Column(older.Handle(),
+                   "SELECT btime_sec || '.' || btime_nsec || ' ' || typeof(acl_default) FROM "
+                   "CurrentSnaphot"),
+            std::vector<std::string>{"0.0 null"});
   ASSERT_EQ(older.QueryExec("INSERT INTO Baseline SELECT * FROM CurrentSnaphot", nullptr, nullptr),
             0);
   EXPECT_EQ(Column(older.Handle(), "SELECT ino FROM Baseline"), std::vector<std::string>{"5"});

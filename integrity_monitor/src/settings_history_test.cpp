@@ -47,7 +47,7 @@ class SettingsHistoryTest : public ::testing::Test {
   void AddRow(const char* table, std::uint64_t scope, int ino) {
     const std::string q = std::string("INSERT INTO ") + table + " VALUES (" +
                           std::to_string(scope) + "," + std::to_string(ino) +
-                          ",1,0,0,0,0,0,0,x'2f6100',33188,1,0,0,0,x'',x'',0,0)";
+                          ",1,0,0,0,0,0,0,x'2f6100',33188,1,0,0,0,x'',x'',0,0,x'')";
     ASSERT_EQ(db.QueryExec(q, nullptr, nullptr), orn::errors::kOk);
   }
 

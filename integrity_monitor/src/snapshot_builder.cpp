@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstring>
 #include <string>
+#include <utility>
 
 #include <boost/format.hpp>
 
@@ -22,6 +23,7 @@ namespace pax::fim {
 namespace {
 
 constexpr const char kAclAttribute[] = "system.posix_acl_access";
+constexpr const char kDefaultAclAttribute[] = "system.posix_acl_default";
 
 // The statements in their reference form (quoted in failure traces), and
 // the forms actually prepared: the same statements with their values as
@@ -34,26 +36,27 @@ constexpr const char kSelectPaths[] =
     "SELECT paths FROM '%1%' WHERE scanscopeid = '%2%' and ino = '%3%' and dev = '%4%'";
 constexpr const char kSelectPathsBound[] =
     "SELECT paths FROM '%1%' WHERE scanscopeid = ?2 and ino = ?3 and dev = ?4";
-// The two birth-time columns (?19, ?20) are this module's addition to the
-// row (integrity_database.h).
+// The two birth-time columns (?19, ?20) and the default ACL (?21) are this
+// module's addition to the row (integrity_database.h).
 constexpr const char kReplaceBound[] =
     "REPLACE INTO '%1%' "
     "(scanscopeid,ino,dev,ctime_sec,ctime_nsec,atime_sec,atime_nsec,mtime_sec,mtime_nsec,paths,"
-    "attr,nlinks,size,uid,gid,sha256, acl,btime_sec,btime_nsec)VALUES "
-    "(?2,?3,?4,?5,?6,?7,?8,?9,?10,?16,?11,?12,?13,?14,?15,?17, ?18,?19,?20);";
+    "attr,nlinks,size,uid,gid,sha256, acl,btime_sec,btime_nsec,acl_default)VALUES "
+    "(?2,?3,?4,?5,?6,?7,?8,?9,?10,?16,?11,?12,?13,?14,?15,?17, ?18,?19,?20,?21);";
 // REPLACE where the lookup just found no row for the key: with nothing to
 // replace both store the same row, and SQLite's conflict handling for
 // REPLACE costs about a quarter of a walk's database time.
 constexpr const char kInsertBound[] =
     "INSERT INTO '%1%' "
     "(scanscopeid,ino,dev,ctime_sec,ctime_nsec,atime_sec,atime_nsec,mtime_sec,mtime_nsec,paths,"
-    "attr,nlinks,size,uid,gid,sha256, acl,btime_sec,btime_nsec)VALUES "
-    "(?2,?3,?4,?5,?6,?7,?8,?9,?10,?16,?11,?12,?13,?14,?15,?17, ?18,?19,?20);";
+    "attr,nlinks,size,uid,gid,sha256, acl,btime_sec,btime_nsec,acl_default)VALUES "
+    "(?2,?3,?4,?5,?6,?7,?8,?9,?10,?16,?11,?12,?13,?14,?15,?17, ?18,?19,?20,?21);";
 constexpr int kPathsParam = 16;
 constexpr int kShaParam = 17;
 constexpr int kAclParam = 18;
 constexpr int kBirthSecParam = 19;
 constexpr int kBirthNsecParam = 20;
+constexpr int kDefaultAclParam = 21;
 
 std::string ErrnoText(int err) {
   char buffer[256];
@@ -175,7 +178,18 @@ result_t SnapshotBuilder::Capture(const NativePath& path, std::uint64_t scanScop
       ORN_FAILED(r))
     return r;
 
+  // Only a directory has a default ACL; for any other object "none" is
+  // known without asking.
+  orn::types::blob_t aclDefault;
+  if (isDirectory) {
+    if (const result_t r = ORN_CHECK(tracer, GetDefaultAcl(path, aclDefault),
+                                     "Cannot get default acl for '" << path << "'");
+        ORN_FAILED(r))
+      return r;
+  }
+
   FileSnapshot snapshot(path, st, hash, acl);
+  snapshot.acl_default = std::move(aclDefault);
   if (status.hasBirthTime) {
     snapshot.btime_sec = status.birthTime.tv_sec;
     snapshot.btime_nsec = status.birthTime.tv_nsec;
@@ -230,21 +244,30 @@ result_t SnapshotBuilder::GetFileHash(const NativePath& path, tools::ObjectStatu
 }
 
 result_t SnapshotBuilder::GetAcl(const NativePath& path, orn::types::blob_t& acl) const {
+  return ReadAclAttribute(path, kAclAttribute, acl);
+}
+
+result_t SnapshotBuilder::GetDefaultAcl(const NativePath& path, orn::types::blob_t& acl) const {
+  return ReadAclAttribute(path, kDefaultAclAttribute, acl);
+}
+
+result_t SnapshotBuilder::ReadAclAttribute(const NativePath& path, const char* attribute,
+                                           orn::types::blob_t& acl) const {
   orn::ITracer* const tracer = m_context.tracer;
   ORN_TRACE(tracer, orn::kTraceLevelDetail) << kOdfimPrefix << __PRETTY_FUNCTION__;
   const AreaResolver& resolver = ResolverOf(m_context);
-  const ssize_t size = resolver.LGetXattr(path, kAclAttribute, nullptr, 0);
+  const ssize_t size = resolver.LGetXattr(path, attribute, nullptr, 0);
   if (size == -1) {
     const int err = errno;
-    // No ACL, no ACL support, or one too large to be an access ACL: all
-    // recorded as "no ACL".
+    // No ACL, no ACL support, or one too large to be an ACL: all recorded
+    // as "no ACL".
     if (err == ENODATA || err == EOPNOTSUPP || err == E2BIG) return orn::errors::kFalse;
     ORN_TRACE(tracer, orn::kTraceLevelError)
         << kOdfimPrefix << "Cannot get size of acl attr: " << ErrnoText(err);
     return orn::errors::kUnspecified;
   }
   acl.resize(static_cast<std::size_t>(size));
-  const ssize_t buflen = resolver.LGetXattr(path, kAclAttribute, acl.data(), acl.size());
+  const ssize_t buflen = resolver.LGetXattr(path, attribute, acl.data(), acl.size());
   const int err = errno;
   if (!ORN_CHECK_BOOL(tracer, buflen != -1, "Cannot get acl attributes: " << ErrnoText(err)))
     return orn::errors::kUnspecified;
@@ -362,6 +385,12 @@ result_t SnapshotBuilder::WriteRow(const char* bound, std::uint64_t scanScopeId,
   BindBlob(stmt, kAclParam, snap.acl.data(), snap.acl.size());
   BindInt(stmt, kBirthSecParam, snap.btime_sec);
   BindInt(stmt, kBirthNsecParam, snap.btime_nsec);
+  // A zero-length blob is "none"; NULL is "not known" (only a row copied
+  // from an older one can be that).
+  if (snap.acl_default)
+    BindBlob(stmt, kDefaultAclParam, snap.acl_default->data(), snap.acl_default->size());
+  else
+    ::sqlite3_bind_null(stmt, kDefaultAclParam);
   step = ::sqlite3_step(stmt);
   return orn::errors::kOk;
 }

@@ -1,6 +1,6 @@
-// Records one file system object of a scan area: status, digest, ACL and
-// every hard-link path, into "Baseline" while the context's building-
-// baseline flag is set, else into "CurrentSnaphot".
+// Records one file system object of a scan area: status, digest, ACLs (the
+// access ACL, and a directory's default ACL) and every hard-link path, into "Baseline" while the
+// context's building- baseline flag is set, else into "CurrentSnaphot".
 //
 // Statements run on prepared statements cached by the IntegrityDatabase and
 // reused for every row; paths travel only as bound blobs, never as SQL text.
@@ -72,6 +72,9 @@ class SnapshotBuilder {
   // The raw access ACL attribute. 0 read; 1 the object has none (ENODATA,
   // EOPNOTSUPP, E2BIG: `acl` unchanged); errors::kUnspecified otherwise.
   [[nodiscard]] result_t GetAcl(const NativePath& path, orn::types::blob_t& acl) const;
+  // The raw default ACL attribute of a directory, read and answered as
+  // GetAcl reads and answers the access ACL.
+  [[nodiscard]] result_t GetDefaultAcl(const NativePath& path, orn::types::blob_t& acl) const;
 
   // GetHardlinks, then Insert.
   [[nodiscard]] result_t SaveFileSnapshot(std::uint64_t scanScopeId, FileSnapshot& snap);
@@ -122,6 +125,10 @@ class SnapshotBuilder {
   };
 
   result_t Capture(const NativePath& path, std::uint64_t scanScopeId, EntryFacts* facts);
+  // GetAcl and GetDefaultAcl: the extended attribute `attribute`, taken
+  // beneath the walk's directory.
+  result_t ReadAclAttribute(const NativePath& path, const char* attribute,
+                            orn::types::blob_t& acl) const;
 
   OnDemandContext& m_context;
   IntegrityDatabase& m_db;

@@ -12,6 +12,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "snapshot_test_support.h"
 
@@ -298,6 +299,36 @@ TEST_F(SnapshotBuilderTest, AclIsStoredRawAndItsAbsenceIsNoFailure) {
   EXPECT_EQ(builder.BuildSnapshot(area / "shared", scope), 0);
   ASSERT_EQ(Rows(kBaselineTable).size(), 1u);
   EXPECT_EQ(Rows(kBaselineTable)[0].aclBytes, static_cast<int>(acl.size()));
+}
+
+// A directory's default ACL has its own column; the acl column keeps the
+// access ACL alone. Every other object records "none" (a zero-length blob,
+// not NULL: NULL is left to rows that predate the column).
+TEST_F(SnapshotBuilderTest, ADirectorysDefaultAclIsStoredApartFromItsAccessAcl) {
+  ASSERT_EQ(::mkdir((area / "dir").c_str(), 0755), 0);
+  WriteFile(area / "file", "x");
+  const std::string command = "setfacl -d -m u:7:rwx '" + area / "dir" + "' 2>/dev/null";
+  if (std::system(command.c_str()) != 0) GTEST_SKIP() << "no ACL support here";
+  orn::types::blob_t acl;
+  EXPECT_EQ(builder.GetAcl(area / "dir", acl), 1);
+  EXPECT_EQ(builder.GetDefaultAcl(area / "dir", acl), 0);
+  EXPECT_GT(acl.size(), 4u);
+  EXPECT_EQ(builder.BuildSnapshot(area / "dir", scope), 0);
+  EXPECT_EQ(builder.BuildSnapshot(area / "file", scope), 0);
+
+  std::vector<std::string> rows;
+  const auto cb = [](void* data, int, char** values, char**) {
+    static_cast<std::vector<std::string>*>(data)->push_back(values[0]);
+    return 0;
+  };
+  ASSERT_EQ(sqlite3_exec(db.Handle(),
+                         "SELECT CASE WHEN (attr & 61440) = 16384 THEN 'dir' ELSE 'file' END || ' "
+                         "' || length(acl) || ' ' || typeof(acl_default) || ' ' || "
+                         "length(acl_default) FROM Baseline ORDER BY 1",
+                         cb, &rows, nullptr),
+            SQLITE_OK);
+  EXPECT_EQ(rows, (std::vector<std::string>{"dir 0 blob " + std::to_string(acl.size()),
+                                            "file 0 blob 0"}));
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <ctime>
 #include <exception>
 #include <iterator>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -51,10 +52,12 @@ constexpr const char kCompareStatement[] =
     "c.size = b.size and c.uid = b.uid and c.gid = b.gid and c.sha256 = b.sha256 and c.acl = "
     "b.acl))";
 
-// The birth times of an object present on both sides (the comparison
-// statement predates them and does not select them).
-constexpr const char kBirthTimes[] =
-    "SELECT b.btime_sec, b.btime_nsec, c.btime_sec, c.btime_nsec FROM Baseline b JOIN "
+// The module's added columns of an object present on both sides: birth
+// times and default ACLs (the comparison statement predates them and does
+// not select them).
+constexpr const char kAddedColumns[] =
+    "SELECT b.btime_sec, b.btime_nsec, c.btime_sec, c.btime_nsec, b.acl_default, "
+    "c.acl_default FROM Baseline b JOIN "
     "CurrentSnaphot c ON c.scanscopeid = b.scanscopeid AND c.ino = b.ino AND c.dev = b.dev "
     "WHERE b.scanscopeid = ?1 AND b.ino = ?2 AND b.dev = ?3";
 
@@ -88,6 +91,16 @@ void ReadSnapshot(sqlite3_stmt* stmt, int first, FileSnapshot& snap) {
   if (digest.size() == snap.sha256.size())
     std::copy(digest.begin(), digest.end(), snap.sha256.begin());
   blob(15, snap.acl);
+  // Not selected here: read apart for an object present on both sides.
+  snap.acl_default.reset();
+}
+
+// A blob column, or std::nullopt for NULL.
+std::optional<orn::types::blob_t> OptionalBlob(sqlite3_stmt* stmt, int column) {
+  if (::sqlite3_column_type(stmt, column) == SQLITE_NULL) return std::nullopt;
+  const auto* bytes = static_cast<const std::uint8_t*>(::sqlite3_column_blob(stmt, column));
+  const int size = ::sqlite3_column_bytes(stmt, column);
+  return orn::types::blob_t(bytes, bytes ? bytes + size : bytes);
 }
 
 bool Later(std::int64_t sec, std::int64_t nsec, std::int64_t thanSec, std::int64_t thanNsec) {
@@ -147,7 +160,7 @@ result_t SnapshotComparer::CompareSnapshots(std::uint64_t scanScopeId) {
     ReadSnapshot(stmt.Get(), 0, before);
     ReadSnapshot(stmt.Get(), 16, after);
     if (!before.IsAbsent() && !after.IsAbsent()) {
-      if (const result_t r = ReadBirthTimes(scanScopeId, before, after); ORN_FAILED(r)) return r;
+      if (const result_t r = ReadAddedColumns(scanScopeId, before, after); ORN_FAILED(r)) return r;
     }
     ORN_TRACE(tracer, orn::kTraceLevelDetail) << kOdfimPrefix << "before: " << before;
     ORN_TRACE(tracer, orn::kTraceLevelDetail) << kOdfimPrefix << "after: " << after;
@@ -169,12 +182,12 @@ result_t SnapshotComparer::CompareSnapshots(std::uint64_t scanScopeId) {
   return reported ? orn::errors::kFalse : orn::errors::kOk;
 }
 
-result_t SnapshotComparer::ReadBirthTimes(std::uint64_t scanScopeId, FileSnapshot& before,
-                                          FileSnapshot& after) {
+result_t SnapshotComparer::ReadAddedColumns(std::uint64_t scanScopeId, FileSnapshot& before,
+                                            FileSnapshot& after) {
   sqlite3_stmt* stmt = nullptr;
-  if (const int rc = m_db.Prepared(kBirthTimes, stmt); rc != SQLITE_OK) {
+  if (const int rc = m_db.Prepared(kAddedColumns, stmt); rc != SQLITE_OK) {
     ORN_TRACE(m_context.tracer, orn::kTraceLevelError)
-        << kOdfimPrefix << "Cannot build sql statement for " << kBirthTimes << ": "
+        << kOdfimPrefix << "Cannot build sql statement for " << kAddedColumns << ": "
         << ::sqlite3_errmsg(m_db.Handle()) << " (" << rc << ")";
     return orn::errors::kUnspecified;
   }
@@ -187,6 +200,8 @@ result_t SnapshotComparer::ReadBirthTimes(std::uint64_t scanScopeId, FileSnapsho
     before.btime_nsec = ::sqlite3_column_int64(stmt, 1);
     after.btime_sec = ::sqlite3_column_int64(stmt, 2);
     after.btime_nsec = ::sqlite3_column_int64(stmt, 3);
+    before.acl_default = OptionalBlob(stmt, 4);
+    after.acl_default = OptionalBlob(stmt, 5);
   }
   return orn::errors::kOk;
 }
@@ -245,7 +260,13 @@ result_t SnapshotComparer::Compare(const FileSnapshot& before, const FileSnapsho
   }
   KeepFirstFailure(failure, ComparePaths(before, after, published));
 
-  const bool aclChanged = before.acl != after.acl;
+  // One event for the object's access control, whichever of its ACLs
+  // changed. A default ACL not known on one side (a baseline row written
+  // before it was recorded) is not compared: its first recording is no
+  // change.
+  const bool defaultAclChanged =
+      before.acl_default && after.acl_default && *before.acl_default != *after.acl_default;
+  const bool aclChanged = before.acl != after.acl || defaultAclChanged;
   if (aclChanged) {
     for (const NativePath& path : SplitPaths(after.paths))
       KeepFirstFailure(failure,

@@ -33,8 +33,11 @@ class SnapshotComparer {
 
   // One object's change; `before` or `after` IsAbsent() for a created or
   // deleted object. A pair that is not one object (IsAnotherObject) is a
-  // deletion of `before` and a creation of `after`. 1 when something was
-  // published, 0 when nothing was.
+  // deletion of `before` and a creation of `after`. One access-control
+  // event per path of `after` when the access ACL or the default ACL
+  // differs (one, not two, when both do); a default ACL not known on either
+  // side (std::nullopt: a row written before it was recorded) counts as
+  // unchanged. 1 when something was published, 0 when nothing was.
   [[nodiscard]] result_t Compare(const FileSnapshot& before, const FileSnapshot& after);
 
   // True when the two rows of one (dev, ino) describe two objects: the
@@ -54,8 +57,9 @@ class SnapshotComparer {
                                                const FileSnapshot& after, bool isContentChanged);
 
  private:
-  // Fills the birth times of an object present on both sides.
-  result_t ReadBirthTimes(std::uint64_t scanScopeId, FileSnapshot& before, FileSnapshot& after);
+  // Fills the birth times and default ACLs of an object present on both
+  // sides.
+  result_t ReadAddedColumns(std::uint64_t scanScopeId, FileSnapshot& before, FileSnapshot& after);
   result_t ComparePaths(const FileSnapshot& before, const FileSnapshot& after, bool& published);
 
   OnDemandContext& m_context;
