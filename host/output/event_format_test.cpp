@@ -137,21 +137,19 @@ TEST(EventFormatTest, TheProcessBehindAChangeIsNamedAndAnExitedOneOnlyByPid) {
             std::string::npos)
       << text;
 
-  ProcessOrigin exited;
-  exited.pid = 9;
-  exited.exited = true;
-  ASSERT_TRUE(ParseJson(FormatEventJson(IssueEvent("/etc/x"), &exited), v));
-  EXPECT_TRUE(v["process"]["exited"].boolean);
-  EXPECT_EQ(v["process"].Find("executable"), nullptr);
-  EXPECT_NE(FormatEventText(IssueEvent("/etc/x"), &exited).find(" process=9(exited)"),
-            std::string::npos);
-
-  ProcessOrigin hidden;
-  hidden.pid = 10;
-  hidden.hidden = true;
-  ASSERT_TRUE(ParseJson(FormatEventJson(IssueEvent("/etc/x"), &hidden), v));
-  EXPECT_TRUE(v["process"]["hidden"].boolean);
-  EXPECT_EQ(v["process"].Find("exited"), nullptr);
+  // A process known only by its pid: gone, or hidden by /proc.
+  for (const bool gone : {true, false}) {
+    ProcessOrigin only;
+    only.pid = 9;
+    (gone ? only.exited : only.hidden) = true;
+    const std::string state = gone ? "exited" : "hidden";
+    ASSERT_TRUE(ParseJson(FormatEventJson(IssueEvent("/etc/x"), &only), v));
+    EXPECT_TRUE(v["process"][state].boolean);
+    EXPECT_EQ(v["process"].Find(gone ? "hidden" : "exited"), nullptr);
+    EXPECT_EQ(v["process"].Find("executable"), nullptr);
+    EXPECT_NE(FormatEventText(IssueEvent("/etc/x"), &only).find(" process=9(" + state + ")"),
+              std::string::npos);
+  }
 }
 
 TEST(EventFormatTest, DetectEventsCarryKindPathAndDigest) {
