@@ -318,6 +318,11 @@ TEST_F(AreaSnapshotBuilderTest, TheWalkLeavesDirectoryAccessTimesAlone) {
 // A directory bind-mounted inside the area reaches each of its files by two
 // paths; each file's row keeps both, as hard links do.
 TEST_F(AreaSnapshotBuilderTest, ABindMountKeepsBothPathsOfEachObject) {
+#ifdef ARVO_UNDER_EMULATOR
+  // Seen there: the walk finds neither the bind mount nor proc beneath it,
+  // and the test can hang inside the emulator. The native legs run it.
+  GTEST_SKIP() << "qemu-user does not reproduce a thread's private mount namespace";
+#endif
   arvo::test::MakeDir(dir / "area/alias");
   arvo::test::WriteFile(dir / "area/sub/c", "c");
   // A file bind-mounted from proc: on a pseudo file system although its
