@@ -40,16 +40,6 @@ constexpr std::uint64_t kMarkMask =
 constexpr std::uint64_t kMarkMaskWithoutRename =
     FAN_CREATE | FAN_DELETE | FAN_MODIFY | FAN_ATTRIB | FAN_MOVED_FROM | FAN_MOVED_TO | FAN_ONDIR;
 
-std::string PathOfFd(int fd) {
-  char link[64];
-  std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
-  std::string path(4096, '\0');
-  const ssize_t n = ::readlink(link, path.data(), path.size());
-  if (n <= 0 || static_cast<std::size_t>(n) >= path.size()) return {};
-  path.resize(static_cast<std::size_t>(n));
-  return path;
-}
-
 class FanotifyCore {
  public:
   FanotifyCore(orn::ITracer* tracer, ScopedFd fanotify, ScopedFd wake, std::uint64_t markMask,
@@ -124,7 +114,7 @@ orn::result_t FanotifyCore::Subscribe(pax::IInotifyEventsReceiver* receiver,
                         "fanotify\tCannot watch '" << directory << "'");
   }
   const std::uint64_t fsid = FileSystemIdOf(dirFd.Get());
-  std::string realRoot = PathOfFd(dirFd.Get());
+  std::string realRoot = PathOfDescriptor(dirFd.Get());
   if (realRoot.empty()) realRoot = directory;
   std::lock_guard lock(m_mutex);
   if (const orn::result_t r = Mark(directory, realRoot, dirFd.Get(), fsid); ORN_FAILED(r)) return r;

@@ -69,15 +69,10 @@ std::optional<std::string> FanotifyResolver::Open(const FanotifyDirectory& direc
               directory.handle.size());
   const ScopedFd fd(::open_by_handle_at(mountFd.Get(), handle, O_PATH | O_CLOEXEC));
   if (!fd.Valid()) return std::nullopt;
-  char link[64];
-  std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd.Get());
-  std::string path(PATH_MAX, '\0');
-  const ssize_t n = ::readlink(link, path.data(), path.size());
-  if (n <= 0 || static_cast<std::size_t>(n) >= path.size()) return std::nullopt;
-  path.resize(static_cast<std::size_t>(n));
+  const std::string path = PathOfDescriptor(fd.Get());
   // An unlinked directory still open reads "<path> (deleted)": not a path.
   static constexpr char kDeleted[] = " (deleted)";
-  if (path[0] != '/' ||
+  if (path.empty() || path[0] != '/' ||
       (path.size() > sizeof kDeleted - 1 &&
        path.compare(path.size() - (sizeof kDeleted - 1), std::string::npos, kDeleted) == 0)) {
     return std::nullopt;
@@ -111,6 +106,16 @@ void FanotifyResolver::Remember(const FanotifyDirectory& directory, std::string 
 
 void FanotifyResolver::Forget(const std::string& oldPath) {
   std::erase_if(m_paths, [&](const auto& entry) { return IsAtOrBelow(entry.second, oldPath); });
+}
+
+std::string PathOfDescriptor(int fd) {
+  char link[64];
+  std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+  std::string path(PATH_MAX, '\0');
+  const ssize_t n = ::readlink(link, path.data(), path.size());
+  if (n <= 0 || static_cast<std::size_t>(n) >= path.size()) return {};
+  path.resize(static_cast<std::size_t>(n));
+  return path;
 }
 
 }  // namespace arvo::host

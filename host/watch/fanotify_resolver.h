@@ -64,6 +64,10 @@ class FanotifyResolver {
 // The id fanotify gives the file system of `fd` (statfs f_fsid), or 0.
 std::uint64_t FileSystemIdOf(int fd);
 
+// The path the kernel gives for the descriptor `fd` (/proc/self/fd), or
+// empty when it cannot be read.
+std::string PathOfDescriptor(int fd);
+
 // True when `path` is `root` or lies below it.
 bool IsAtOrBelow(const std::string& path, const std::string& root);
 
