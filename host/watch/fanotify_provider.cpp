@@ -28,6 +28,7 @@
 #include "host/watch/fanotify_resolver.h"
 #include "host/watch/fanotify_scope.h"
 #include "host/watch/provider_object.h"
+#include "host/watch/receiver_gate.h"
 #include "orn/simple_object.h"
 
 namespace arvo::host {
@@ -74,13 +75,11 @@ class FanotifyCore {
   const CoverageObserver m_observer;  // may be empty
   const pid_t m_self = ::getpid();
   std::atomic<bool> m_stop{false};
-  std::atomic<std::thread::id> m_deliveryThread{};
 
   std::mutex m_mutex;
-  std::condition_variable m_idle;                       // m_delivering changed
-  FanotifyScope m_scope;                                // guarded by m_mutex
-  FanotifyResolver m_resolver;                          // guarded by m_mutex
-  pax::IInotifyEventsReceiver* m_delivering = nullptr;  // guarded by m_mutex
+  FanotifyScope m_scope;        // guarded by m_mutex
+  FanotifyResolver m_resolver;  // guarded by m_mutex
+  ReceiverGate m_gate;
 };
 
 orn::result_t FanotifyCore::Mark(const std::string& directory, const std::string& realRoot,
@@ -130,15 +129,13 @@ orn::result_t FanotifyCore::Unsubscribe(pax::IInotifyEventsReceiver* receiver) {
   {
     std::unique_lock lock(m_mutex);
     dropped = m_scope.Remove(receiver);
-    if (std::this_thread::get_id() != m_deliveryThread.load()) {
-      m_idle.wait(lock, [&] { return m_delivering != receiver; });
-    }
+    m_gate.WaitUntilIdle(lock, receiver);
   }
   return dropped.empty() ? orn::errors::kFalse : orn::errors::kOk;
 }
 
 void FanotifyCore::Run() {
-  m_deliveryThread.store(std::this_thread::get_id());
+  m_gate.EnterDeliveryThread();
   (void)::pthread_setname_np(::pthread_self(), "arvoFanotify");
   std::vector<char> buffer(64 * 1024);
   std::vector<FanotifyRecord> records;
@@ -223,27 +220,10 @@ bool FanotifyCore::WaitForRecords(bool& mountsChanged) {
 void FanotifyCore::Deliver(const std::vector<InotifyDelivery>& deliveries,
                            const ProcessOrigin* origin) {
   const ScopedProcessOrigin current(origin);
-  for (const InotifyDelivery& delivery : deliveries) {
-    if (m_stop.load()) return;
-    orn::RefPtr<pax::IInotifyEventsReceiver> receiver;
-    {
-      std::lock_guard lock(m_mutex);
-      receiver = m_scope.ReceiverOf(delivery.subscription);
-      if (!receiver) continue;  // unsubscribed since the record was read
-      m_delivering = receiver.Get();
-    }
-    try {
-      (void)receiver->OnEvent(delivery.event);
-    } catch (...) {  // receivers must not throw; the thread must not die of it
-      (void)orn::ExceptionToResult(Tracer(), "fanotify\tException from a receiver's OnEvent: ");
-    }
-    receiver.Reset();  // before Unsubscribe may return
-    {
-      std::lock_guard lock(m_mutex);
-      m_delivering = nullptr;
-    }
-    m_idle.notify_all();
-  }
+  m_gate.Deliver(
+      m_mutex, deliveries, m_stop,
+      [this](std::uint64_t subscription) { return m_scope.ReceiverOf(subscription); }, Tracer(),
+      "fanotify\tException from a receiver's OnEvent: ");
 }
 
 // One notice per subscription root, as the inotify provider gives: the

@@ -28,6 +28,7 @@
 #include "host/watch/inotify_limits.h"
 #include "host/watch/inotify_watch_tree.h"
 #include "host/watch/provider_object.h"
+#include "host/watch/receiver_gate.h"
 #include "orn/simple_object.h"
 
 namespace arvo::host {
@@ -69,12 +70,10 @@ class DeliveryCore final : public InotifyCoverage {
   const CoverageObserver m_observer;
   InotifyRegistrar m_registrar;
   std::atomic<bool> m_stop{false};
-  std::atomic<std::thread::id> m_deliveryThread{};
 
   std::mutex m_mutex;
-  std::condition_variable m_idle;                       // m_delivering changed
-  InotifyWatchTree m_tree;                              // guarded by m_mutex
-  pax::IInotifyEventsReceiver* m_delivering = nullptr;  // guarded by m_mutex
+  InotifyWatchTree m_tree;  // guarded by m_mutex
+  ReceiverGate m_gate;
 
   InotifyEventReader m_reader;  // delivery thread only
 };
@@ -104,11 +103,7 @@ orn::result_t DeliveryCore::Unsubscribe(pax::IInotifyEventsReceiver* receiver) {
   {
     std::unique_lock lock(m_mutex);
     dropped = m_tree.Unsubscribe(receiver);
-    // On the delivery thread the only call that can be running is the
-    // caller's own; waiting for it would never end.
-    if (std::this_thread::get_id() != m_deliveryThread.load()) {
-      m_idle.wait(lock, [&] { return m_delivering != receiver; });
-    }
+    m_gate.WaitUntilIdle(lock, receiver);
   }
   ORN_TRACE(Tracer(), orn::kTraceLevelDetail)
       << "inotify\tUnsubscribed " << dropped.size() << " subscription(s)";
@@ -116,7 +111,7 @@ orn::result_t DeliveryCore::Unsubscribe(pax::IInotifyEventsReceiver* receiver) {
 }
 
 void DeliveryCore::Run() {
-  m_deliveryThread.store(std::this_thread::get_id());
+  m_gate.EnterDeliveryThread();
   (void)::pthread_setname_np(::pthread_self(), "arvoInotify");
   std::vector<RawInotifyEvent> records;
   std::vector<InotifyDelivery> deliveries;
@@ -196,27 +191,10 @@ bool DeliveryCore::WaitForRecords() {
 }
 
 void DeliveryCore::Deliver(const std::vector<InotifyDelivery>& deliveries) {
-  for (const InotifyDelivery& delivery : deliveries) {
-    if (m_stop.load()) return;
-    orn::RefPtr<pax::IInotifyEventsReceiver> receiver;
-    {
-      std::lock_guard lock(m_mutex);
-      receiver = m_tree.ReceiverOf(delivery.subscription);
-      if (!receiver) continue;  // unsubscribed since the record was read
-      m_delivering = receiver.Get();
-    }
-    try {
-      (void)receiver->OnEvent(delivery.event);
-    } catch (...) {  // receivers must not throw; the thread must not die of it
-      (void)orn::ExceptionToResult(Tracer(), "inotify\tException from a receiver's OnEvent: ");
-    }
-    receiver.Reset();  // before Unsubscribe may return
-    {
-      std::lock_guard lock(m_mutex);
-      m_delivering = nullptr;
-    }
-    m_idle.notify_all();
-  }
+  m_gate.Deliver(
+      m_mutex, deliveries, m_stop,
+      [this](std::uint64_t subscription) { return m_tree.ReceiverOf(subscription); }, Tracer(),
+      "inotify\tException from a receiver's OnEvent: ");
 }
 
 void DeliveryCore::RequestStop() {
